@@ -1,0 +1,16 @@
+# 32-bit x86 build on an x86-64 host with g++-multilib. The binaries run under qemu-i386:
+# this kernel does not execute i386 binaries itself.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+set(CMAKE_C_COMPILER gcc)
+set(CMAKE_CXX_COMPILER g++)
+set(CMAKE_C_FLAGS_INIT "-m32")
+set(CMAKE_CXX_FLAGS_INIT "-m32")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+find_program(QVIPC_QEMU_I386 qemu-i386 REQUIRED)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${QVIPC_QEMU_I386};-L;/")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(QVIPC_GTEST_FROM_SOURCE ON CACHE BOOL "" FORCE)

@@ -1,0 +1,40 @@
+// CPMutex: a mutex named system-wide, shared by every process (32-bit or 64-bit) that opens the
+// same name; a holder that dies releases it. CTerminateWait lets another thread end a wait.
+#ifndef PLATFORM_PMUTEX_H_
+#define PLATFORM_PMUTEX_H_
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+class CTerminateWait {
+public:
+    CTerminateWait();
+    void terminate();
+    bool isTerminated() const;
+
+private:
+    std::atomic<int> m_terminated;
+};
+
+class CPMutex {
+public:
+    // The integer arguments are accepted for compatibility and not used; name is any text.
+    CPMutex(int, int, const std::string& name, int, int);
+    ~CPMutex();
+    CPMutex(const CPMutex&) = delete;
+    CPMutex& operator=(const CPMutex&) = delete;
+
+    // False when the named object could not be opened; then wait() fails at once.
+    bool isValid() const;
+    // Waits at most timeout ms (0xFFFFFFFF: no limit) or until pTerminate (may be null) is
+    // terminated. Returns 0 when the mutex is held, nonzero otherwise.
+    int wait(unsigned long timeout, CTerminateWait* pTerminate);
+    void release();
+
+private:
+    int m_fd;
+    std::timed_mutex m_threadLock;  // serialises the threads of this process on one object
+};
+
+#endif  // PLATFORM_PMUTEX_H_

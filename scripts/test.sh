@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite in the four configurations: default (RelWithDebInfo),
+# asan (AddressSanitizer + UndefinedBehaviorSanitizer), tsan (ThreadSanitizer) and i386 (-m32,
+# run under qemu-i386). Warnings are errors. Usage: scripts/test.sh [preset...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+presets=("$@")
+[ "${#presets[@]}" -gt 0 ] || presets=(default asan tsan i386)
+
+if command -v clang-format >/dev/null; then
+    echo "== clang-format check"
+    git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run --Werror
+fi
+
+status=0
+for p in "${presets[@]}"; do
+    echo "== configure $p"
+    cmake --preset "$p" >/dev/null
+    echo "== build $p"
+    cmake --build --preset "$p" -j "$(nproc)"
+    echo "== test $p"
+    if ! ctest --preset "$p"; then
+        status=1
+    fi
+done
+exit "$status"
