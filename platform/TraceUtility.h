@@ -14,6 +14,8 @@ public:
         __attribute__((format(printf, 3, 0)));
     void TraceString(int traceClass, int priority, const char* fmt, ...)
         __attribute__((format(printf, 4, 5)));
+    void TraceStringArgList(int traceClass, int priority, const char* fmt, va_list args)
+        __attribute__((format(printf, 4, 0)));
 };
 
 }  // namespace LQLogLib
@@ -21,6 +23,9 @@ public:
 class CTraceUtility {
 public:
     LQLogLib::CLogFile* getLogFile();
+
+private:
+    LQLogLib::CLogFile m_logFile;
 };
 
 // One per process, shared by all endpoints; reference counted by Create/Destroy.
@@ -28,8 +33,8 @@ extern CTraceUtility* g_ptu;
 
 // Makes (or takes one more reference on) the process's trace utility and stores it in *pptu.
 // The remaining arguments are accepted and not used. Returns 0.
-int CreateCTraceUtility(CTraceUtility** pptu, const char* tag1, const char* tag2,
-                        const char* name, int, void*, int, int);
+int CreateCTraceUtility(CTraceUtility** pptu, const char* tag1, const char* tag2, const char* name,
+                        int, void*, int, int);
 // Drops one reference; the last one frees the utility and sets *pptu to null.
 void DestroyCTraceUtility(CTraceUtility** pptu);
 

@@ -1,0 +1,28 @@
+// CPipenameRegistry: the FIFO paths this process made, unlinked when the process exits normally
+// (or the library is unloaded). One per process: g_pipenameRegistry.
+#ifndef QVIPC_LIBRARY_LINUX_PIPENAMEREGISTRY_H_
+#define QVIPC_LIBRARY_LINUX_PIPENAMEREGISTRY_H_
+
+#include <string>
+#include <vector>
+
+#include "platform/PCritSec.h"
+
+class CPipenameRegistry {
+public:
+    CPipenameRegistry();
+    // Unlinks every registered path, in the order added; failures are ignored.
+    ~CPipenameRegistry();
+    CPipenameRegistry(const CPipenameRegistry&) = delete;
+    CPipenameRegistry& operator=(const CPipenameRegistry&) = delete;
+
+    // Appends a copy of path; duplicates stay.
+    void add(const std::string& path);
+
+    CPCritSec m_critSec;                   // guards m_pipenames
+    std::vector<std::string> m_pipenames;  // in the order made
+};
+
+extern CPipenameRegistry g_pipenameRegistry;
+
+#endif  // QVIPC_LIBRARY_LINUX_PIPENAMEREGISTRY_H_

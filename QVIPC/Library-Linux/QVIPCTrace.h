@@ -1,0 +1,52 @@
+// The transport's three line writers. Each looks at g_ptu and its log file once and writes
+// nothing when either is missing. Texts are written out word for word at the call sites.
+#ifndef QVIPC_LIBRARY_LINUX_QVIPCTRACE_H_
+#define QVIPC_LIBRARY_LINUX_QVIPCTRACE_H_
+
+#include <cstdarg>
+
+#include "QVIPC/Library-Linux/QVIPCDefs.h"
+#include "platform/TraceUtility.h"
+
+// Trace: class 16, priority 2.
+inline void qvTrace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Error: priority 64; the text already begins "(Error) ".
+inline void qvLogError(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Notice: priority 2.
+inline void qvLogNotice(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+namespace qvtrace_detail {
+inline LQLogLib::CLogFile* logFile() {
+    CTraceUtility* ptu = g_ptu;
+    return ptu != nullptr ? ptu->getLogFile() : nullptr;
+}
+}  // namespace qvtrace_detail
+
+inline void qvTrace(const char* fmt, ...) {
+    LQLogLib::CLogFile* log = qvtrace_detail::logFile();
+    if (log == nullptr) return;
+    va_list args;
+    va_start(args, fmt);
+    log->TraceStringArgList(QV_TRACE_CLASS, QV_PRIORITY_NOTICE, fmt, args);
+    va_end(args);
+}
+
+inline void qvLogError(const char* fmt, ...) {
+    LQLogLib::CLogFile* log = qvtrace_detail::logFile();
+    if (log == nullptr) return;
+    va_list args;
+    va_start(args, fmt);
+    log->LogStringArgListX(QV_PRIORITY_ERROR, fmt, args);
+    va_end(args);
+}
+
+inline void qvLogNotice(const char* fmt, ...) {
+    LQLogLib::CLogFile* log = qvtrace_detail::logFile();
+    if (log == nullptr) return;
+    va_list args;
+    va_start(args, fmt);
+    log->LogStringArgListX(QV_PRIORITY_NOTICE, fmt, args);
+    va_end(args);
+}
+
+#endif  // QVIPC_LIBRARY_LINUX_QVIPCTRACE_H_
