@@ -67,11 +67,11 @@ public:
     bool m_error = false;        // a call was refused; sticky
 
 private:
-    bool ValueAllowed() const;
+    // Checks that a value is allowed here (else sets m_error and gives false) and writes
+    // the comma before a further element of an array.
+    bool BeginValue();
     void OpenContainer(bool isObject);
     void CloseContainer(bool isObject);
-    // Comma before an element of an array that already has one.
-    void ArraySeparator();
     // After a value: the container has an element, and in an object a name comes next.
     void ValueWritten();
 };
