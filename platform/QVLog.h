@@ -10,8 +10,7 @@ enum { QV_LINE_LOG = 0, QV_LINE_TRACE = 1 };
 
 // Receives every line: kind (QV_LINE_LOG or QV_LINE_TRACE), trace class (0 for log lines),
 // priority and the formatted text without a line end. Called on the thread that logs.
-typedef void (*QVLogCallback)(void* ctx, int kind, int traceClass, int priority,
-                              const char* text);
+typedef void (*QVLogCallback)(void* ctx, int kind, int traceClass, int priority, const char* text);
 
 // Sets the sink (null: none). Replaces a file set by QVSetLogFile.
 QV_API void QVSetLogCallback(QVLogCallback cb, void* ctx);
