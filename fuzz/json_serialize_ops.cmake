@@ -1,0 +1,1 @@
+qvipc_add_fuzzer(json_serialize_ops SOURCE json_serialize_ops.cpp PARTS qvipc_json qvipc_common)
