@@ -2,6 +2,8 @@
 // belong to the open file description, so they exclude other objects of this process as well
 // as other processes of either ABI, and the kernel drops them when a holder dies. Threads that
 // share one object are serialised by m_threadLock first, as flock would let them all in.
+// The lock file is opened for each hold and closed on release, so an idle mutex holds no
+// descriptor.
 #include "platform/PMutex.h"
 
 #include <fcntl.h>
@@ -27,13 +29,13 @@ void CTerminateWait::terminate() { m_terminated.store(1); }
 
 bool CTerminateWait::isTerminated() const { return m_terminated.load() != 0; }
 
-CPMutex::CPMutex(int, int, const std::string& name, int, int) : m_fd(-1) {
-    const std::string path = mutexLockPath(name);
-    int created = 0;
-    m_fd = openNamedObjectFile(path, &created);
-    if (m_fd < 0 && errno == EACCES) {
-        // A lock file made read-only by someone else still takes a lock when opened for reading.
-        m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+CPMutex::CPMutex(int, int, const std::string& name, int, int)
+    : m_strPath(mutexLockPath(name)), m_fd(-1), m_bValid(false) {
+    // Made (or found) now, so that a name that cannot work fails at construction.
+    const int fd = openLockFile();
+    if (fd >= 0) {
+        close(fd);
+        m_bValid = true;
     }
 }
 
@@ -41,45 +43,59 @@ CPMutex::~CPMutex() {
     if (m_fd >= 0) close(m_fd);
 }
 
-bool CPMutex::isValid() const { return m_fd >= 0; }
+bool CPMutex::isValid() const { return m_bValid; }
+
+int CPMutex::openLockFile() {
+    int created = 0;
+    int fd = openNamedObjectFile(m_strPath, &created);
+    if (fd < 0 && errno == EACCES) {
+        // A lock file made read-only by someone else still takes a lock when opened for reading.
+        fd = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    }
+    return fd;
+}
 
 int CPMutex::wait(unsigned long timeout, CTerminateWait* pTerminate) {
-    if (m_fd < 0) return -1;
+    if (!m_bValid) return -1;
     using Clock = std::chrono::steady_clock;
     const bool unlimited = timeout == NO_TIMEOUT;
     const Clock::time_point deadline =
         Clock::now() + std::chrono::milliseconds(unlimited ? 0 : timeout);
-
-    if (unlimited && pTerminate == nullptr) {
-        m_threadLock.lock();
-        while (flock(m_fd, LOCK_EX) != 0) {
-            if (errno != EINTR) {
-                m_threadLock.unlock();
-                return -1;
-            }
-        }
-        return 0;
-    }
-
-    // Bounded or interruptible: poll both locks in short steps.
     auto giveUp = [&]() {
         return (pTerminate != nullptr && pTerminate->isTerminated()) ||
                (!unlimited && Clock::now() >= deadline);
     };
-    while (!m_threadLock.try_lock_for(POLL_STEP)) {
-        if (giveUp()) return -1;
+    const bool blocking = unlimited && pTerminate == nullptr;
+
+    if (blocking) {
+        m_threadLock.lock();
+    } else {
+        while (!m_threadLock.try_lock_for(POLL_STEP)) {
+            if (giveUp()) return -1;
+        }
     }
-    for (;;) {
-        if (flock(m_fd, LOCK_EX | LOCK_NB) == 0) return 0;
-        if (errno != EWOULDBLOCK && errno != EINTR) break;
-        if (giveUp()) break;
-        std::this_thread::sleep_for(POLL_STEP);
+    m_fd = openLockFile();
+    if (m_fd >= 0) {
+        for (;;) {
+            if (flock(m_fd, blocking ? LOCK_EX : LOCK_EX | LOCK_NB) == 0) return 0;
+            if (errno != EWOULDBLOCK && errno != EINTR) break;
+            if (blocking) continue;  // EINTR: wait again
+            if (giveUp()) break;
+            std::this_thread::sleep_for(POLL_STEP);
+        }
+        close(m_fd);
+        m_fd = -1;
     }
     m_threadLock.unlock();
     return -1;
 }
 
 void CPMutex::release() {
-    flock(m_fd, LOCK_UN);
+    // Closing the only descriptor of this open file description drops the lock.
+    if (m_fd >= 0) {
+        flock(m_fd, LOCK_UN);
+        close(m_fd);
+        m_fd = -1;
+    }
     m_threadLock.unlock();
 }

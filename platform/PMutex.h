@@ -25,7 +25,8 @@ public:
     CPMutex(const CPMutex&) = delete;
     CPMutex& operator=(const CPMutex&) = delete;
 
-    // False when the named object could not be opened; then wait() fails at once.
+    // False when the named object could not be opened; then wait() fails at once. No
+    // descriptor is held between a release and the next wait.
     bool isValid() const;
     // Waits at most timeout ms (0xFFFFFFFF: no limit) or until pTerminate (may be null) is
     // terminated. Returns 0 when the mutex is held, nonzero otherwise.
@@ -33,7 +34,12 @@ public:
     void release();
 
 private:
-    int m_fd;
+    // Opens the lock file for one hold; the descriptor exists only while the mutex is held.
+    int openLockFile();
+
+    std::string m_strPath;
+    int m_fd;  // the lock file while held, else -1; written under m_threadLock
+    bool m_bValid;
     std::timed_mutex m_threadLock;  // serialises the threads of this process on one object
 };
 

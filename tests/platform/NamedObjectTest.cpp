@@ -15,6 +15,7 @@
 #include "platform/NamedObject.h"
 #include "platform/PMutex.h"
 #include "platform/PSharedMemory.h"
+#include "tests/platform/MutexHolder.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -29,46 +30,9 @@ bool exists(const std::string& path) {
 class NamedObjectTest : public testing::Test {
 protected:
     void SetUp() override { guid_ = qvtest::TestGuid(); }
-    void TearDown() override {
-        for (pid_t pid : children_) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-        qvtest::RemoveGuidFiles(guid_);
-    }
-
-    // Forks a child that takes the named mutex, reports through a pipe and then waits for a
-    // byte on another pipe (or for SIGKILL). Returns the child's pid; *toChild is the write
-    // end that releases it.
-    pid_t holdInChild(const std::string& name, int* toChild) {
-        int up[2];
-        int down[2];
-        EXPECT_EQ(0, pipe(up));
-        EXPECT_EQ(0, pipe(down));
-        const pid_t pid = fork();
-        if (pid == 0) {
-            close(up[0]);
-            close(down[1]);
-            CPMutex m(1, 0, name, 0, 1);
-            if (m.wait(NO_TIMEOUT, nullptr) != 0) _exit(2);
-            char c = 'h';
-            if (write(up[1], &c, 1) != 1) _exit(3);
-            if (read(down[0], &c, 1) < 0) _exit(4);
-            m.release();
-            _exit(0);
-        }
-        children_.push_back(pid);
-        close(up[1]);
-        close(down[0]);
-        char c = 0;
-        EXPECT_EQ(1, read(up[0], &c, 1));
-        close(up[0]);
-        *toChild = down[1];
-        return pid;
-    }
+    void TearDown() override { qvtest::RemoveGuidFiles(guid_); }
 
     std::string guid_;
-    std::vector<pid_t> children_;
 };
 
 TEST_F(NamedObjectTest, FileNamesStayInTheirDirectoryAndNeverCollide) {
@@ -208,30 +172,21 @@ TEST_F(NamedObjectTest, ThreadsSharingOneMutexObjectAreSerialised) {
 }
 
 TEST_F(NamedObjectTest, MutexIsHeldAcrossProcessesUntilTheHolderReleases) {
-    int toChild = -1;
-    const pid_t pid = holdInChild(guid_ + "-MTX", &toChild);
+    qvtest::MutexHolder holder(guid_ + "-MTX");
+    ASSERT_TRUE(holder.holding());
     CPMutex m(1, 0, guid_ + "-MTX", 0, 1);
     EXPECT_NE(0, m.wait(100, nullptr));
-    char c = 'r';
-    ASSERT_EQ(1, write(toChild, &c, 1));
-    close(toChild);
+    EXPECT_TRUE(holder.release());
     EXPECT_EQ(0, m.wait(NO_TIMEOUT, nullptr));
     m.release();
-    int status = 0;
-    EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    children_.clear();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST_F(NamedObjectTest, HolderKilledWhileHoldingDoesNotBlockTheNextHolder) {
-    int toChild = -1;
-    const pid_t pid = holdInChild(guid_ + "-MTX", &toChild);
+    qvtest::MutexHolder holder(guid_ + "-MTX");
+    ASSERT_TRUE(holder.holding());
     CPMutex m(1, 0, guid_ + "-MTX", 0, 1);
     EXPECT_NE(0, m.wait(0, nullptr));
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    children_.clear();
-    close(toChild);
+    holder.kill();
     EXPECT_EQ(0, m.wait(NO_TIMEOUT, nullptr));
     m.release();
 }
