@@ -2,7 +2,7 @@
 // text needs, appends its token and updates the two bit stacks.
 #include "json/JSONSerialize.h"
 
-#include <cstring>
+#include <cstdint>
 #include <string>
 
 #include "json/JSONEscape.h"
@@ -27,6 +27,12 @@ void AppendNumber(Serialize& writer, T value, char* (*format)(T, char*, int)) {
     writer.AppendString(buf);
 }
 
+// True when the innermost open container is an array that already has an element, so the
+// next element needs a comma before it. Callers check that a container is open.
+bool ArrayHasElement(uint32_t firstStack, uint32_t objectStack) {
+    return (objectStack & 1u) == 0 && (firstStack & 1u) == 0;
+}
+
 }  // namespace
 
 // The text is returned in every state, so that after an error the caller can see what was
@@ -40,7 +46,7 @@ bool Serialize::BeginValue() {
         return false;
     }
     // Inside an object the comma was written with the name.
-    if ((m_objectStack & 1u) == 0 && (m_firstStack & 1u) == 0) m_str.push_back(',');
+    if (ArrayHasElement(m_firstStack, m_objectStack)) m_str.push_back(',');
     return true;
 }
 
@@ -57,9 +63,7 @@ void Serialize::OpenContainer(bool isObject) {
         m_error = true;
         return;
     }
-    if (m_depth > 0 && (m_objectStack & 1u) == 0 && (m_firstStack & 1u) == 0) {
-        m_str.push_back(',');
-    }
+    if (m_depth > 0 && ArrayHasElement(m_firstStack, m_objectStack)) m_str.push_back(',');
     m_str.push_back(isObject ? '{' : '[');
     m_firstStack = (m_firstStack << 1) | 1u;
     m_objectStack = (m_objectStack << 1) | (isObject ? 1u : 0u);
