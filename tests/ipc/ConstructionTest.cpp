@@ -27,7 +27,10 @@ bool exists(const std::string& path) {
 class ConstructionTest : public testing::Test {
 protected:
     void SetUp() override { guid_ = qvtest::TestGuid(); }
-    void TearDown() override { qvtest::RemoveGuidFiles(guid_); }
+    void TearDown() override {
+        qvtest::RemoveGuidFiles(guid_);
+        for (const std::string& g : extraGuids_) qvtest::RemoveGuidFiles(g);
+    }
 
     // The code the constructor throws with, or 0 when it does not throw.
     long thrownCode(int isServer, unsigned long maxConnections, unsigned long headerExtSize) {
@@ -53,6 +56,7 @@ protected:
     }
 
     std::string guid_;
+    std::vector<std::string> extraGuids_;  // guids derived from guid_, cleaned up too
 };
 
 TEST_F(ConstructionTest, ChecksRunInOrderAndTheExtensionCheckPrecedesEverything) {
@@ -156,6 +160,7 @@ TEST_F(ConstructionTest, FacadeLowersTheGuidAndKeepsItsFirst63Characters) {
     for (const Case& c : cases) {
         const std::string& expected = c.expected;
         SCOPED_TRACE(expected);
+        extraGuids_.push_back(expected);
         ipctest::LineCapture capture;
         {
             CQVIPCLibrary lib("Title", c.given, 0, 0, 0, 7);
@@ -164,7 +169,6 @@ TEST_F(ConstructionTest, FacadeLowersTheGuidAndKeepsItsFirst63Characters) {
             EXPECT_NE(std::string::npos, lines[0].find(", guid " + expected + ", isServer 0"));
             EXPECT_TRUE(exists("/dev/shm/" + expected + "-IDGENSHMEM"));
         }
-        qvtest::RemoveGuidFiles(expected);
     }
 }
 
