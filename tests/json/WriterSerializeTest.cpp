@@ -5,6 +5,7 @@
 #include <climits>
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include "json/JSONSerialize.h"
 
@@ -101,18 +102,15 @@ TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
         EXPECT_TRUE(w.m_error) << c.what;
         EXPECT_EQ(w.String(), c.expected) << c.what;
 
-        const uint32_t first = w.m_firstStack;
-        const uint32_t kinds = w.m_objectStack;
-        const uint32_t depth = w.m_depth;
-        const bool expectName = w.m_expectName;
+        const JSON::Serialize before = w;
         w.AO().OO().N("z").V("v").V(1).JS("2").JS_N("3", 1).OC().AC();
         w.AppendString("4");
         EXPECT_EQ(w.String(), c.expected) << c.what;
         EXPECT_TRUE(w.m_error) << c.what;
-        EXPECT_EQ(w.m_firstStack, first) << c.what;
-        EXPECT_EQ(w.m_objectStack, kinds) << c.what;
-        EXPECT_EQ(w.m_depth, depth) << c.what;
-        EXPECT_EQ(w.m_expectName, expectName) << c.what;
+        EXPECT_EQ(std::make_tuple(w.m_firstStack, w.m_objectStack, w.m_depth, w.m_expectName),
+                  std::make_tuple(before.m_firstStack, before.m_objectStack, before.m_depth,
+                                  before.m_expectName))
+            << c.what;
     }
 }
 
