@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "QVIPC/Library-Linux/QVIPCDefs.h"
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
@@ -51,6 +52,10 @@ public:
                           unsigned long len, const char* headerExt);
     QVRESULT receiveResponse(unsigned long* pIpcid, char** ppBuf, unsigned long* pLen,
                              unsigned long* pRequestId, char* headerExt);
+    QVRESULT receiveResponseServer(unsigned long* pIpcid, char** ppBuf, unsigned long* pLen,
+                                   unsigned long* pRequestId, char* headerExt);
+    QVRESULT receiveResponseClient(unsigned long* pIpcid, char** ppBuf, unsigned long* pLen,
+                                   unsigned long* pRequestId, char* headerExt);
 
     // Diagnostics.
     void dump(const std::string& command);
@@ -78,6 +83,42 @@ public:
     static void* connectThread(void* p);
     void connectThreadFunc();
     void enableClientReconnect(unsigned long id);
+
+    // ---- Helpers of the transport (not part of the designed interface). ----
+    // Waits until initialize() has run; QVIPC_E_SHUTDOWN when finalize() comes first.
+    QVRESULT waitInitialized();
+    // Copies a master set and its highest descriptor under m_pCritSec into *pReady and
+    // selects on the copy without a time-out; returns select()'s result, *pErr its errno.
+    int selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady, int* pErr);
+    // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
+    // ready and still readable, and returns it; -1 when the cycle is used up, the cursor
+    // then being 0 so that the caller selects again.
+    static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
+                             int maxSlot);
+    // Server admin handling of one CONNECT or DISCONNECT record.
+    QVRESULT adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
+                          unsigned long* pSlot);
+    QVRESULT adminDisconnect(uint32_t connectId, uint32_t pid);
+    // Frees a server slot: takes its four descriptors out of the arrays and both descriptor
+    // sets before closing them, so select() never sees a closed descriptor. The response read
+    // end is handed to m_fdsDeferredClose while the response receiver runs.
+    void closeServerSlot(unsigned long slot);
+    // Rebuild a master set from the open read descriptors of slots 0..highest slot.
+    // Caller holds m_pCritSec.
+    void rebuildRequestSet();
+    void rebuildResponseSet();
+    // Closes what m_fdsDeferredClose holds. Called by the response receiver or by finalize.
+    void closeDeferredFds();
+    // Writes the 68-byte all-zero record that makes the response receiver take a fresh set.
+    void wakeResponseReceiver();
+    // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
+    // publishing the connection.
+    bool makeClientReadEnds();
+    QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
+    void failedConnectAttempt(int* pFdSendAdmin);
+    void publishConnection();
+    // Sleeps ms in short slices; false when m_shutdown was set meanwhile.
+    bool sleepUnlessShutdown(unsigned long ms);
 
     // ---- Members, in their designed order. ----
     CPIPEIOBase* m_pPipeIO;
@@ -125,6 +166,11 @@ public:
     unsigned long m_slotPid[QVIPC_MAX_SLOTS];
     std::atomic<int> m_connectThreadRunning;
     unsigned long m_serverPid;
+
+    // Server: response read ends of freed slots that the response receiver may still be
+    // using; it closes them itself at its next select() copy (finalize closes what is left),
+    // so no thread closes a descriptor another thread is reading. Guarded by m_pCritSec.
+    std::vector<int> m_fdsDeferredClose;
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

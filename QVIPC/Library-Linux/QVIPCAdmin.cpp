@@ -1,0 +1,343 @@
+// The server's half of the connection handshake: one admin record per call, read on the thread
+// that sits in the server's receiveRequest. Also the slot clean-up shared with the reconnect
+// path. The per-slot arrays are changed without a lock; the descriptor sets, their maxima and
+// the highest-slot values only under m_pCritSec, as the response receiver copies them.
+#include <fcntl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "QVIPC/Library-Linux/Framing.h"
+#include "QVIPC/Library-Linux/PipeIO.h"
+#include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
+#include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "platform/PCritSec.h"
+#include "platform/Portable.h"
+
+using namespace qvframe;
+
+namespace {
+
+constexpr int OPEN_REPLY_TRIES = 100;
+
+std::string decimal(uint32_t value) {
+    char buf[34];
+    // Taken as signed 32-bit, as every FIFO name of the service spells the numbers.
+    return CPortable::itoa(static_cast<int>(value), buf, 10);
+}
+
+// Opens a read end as every read end is opened, blocking afterwards; -1 on failure.
+// A descriptor at or above FD_SETSIZE could never go into a select() set: it counts as a
+// failure (EMFILE), so the connect is refused cleanly and the client tries again later.
+int openServerReadEnd(CQVIPCLibraryImpl* self, const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    if (fd == -1) return -1;
+    if (fd >= FD_SETSIZE) {
+        close(fd);
+        errno = EMFILE;
+        return -1;
+    }
+    self->clearO_NONBLOCK(fd);
+    return fd;
+}
+
+}  // namespace
+
+QVRESULT CQVIPCLibraryImpl::receiveRequestOnAdminPipe(unsigned long* pSlot) {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X)", addr);
+
+    QVRESULT hr = S_OK;
+    RequestFrame record;
+    const ssize_t n = readHeader(loadFd(m_fdsRecvRequest[0]), record, sizeof record);
+    if (n != static_cast<ssize_t>(sizeof record)) {
+        const int err = n < 0 ? errno : 0;
+        qvLogError("(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), read failed %d",
+                   addr, err);
+        hr = QVIPC_E_READ;
+    } else {
+        const RequestHeader h = parseRequest(record);
+        switch (h.type) {
+            case QVIPC_REQUEST_CONNECT:
+                hr = adminConnect(h.requestId, h.connectId, h.pid, pSlot);
+                break;
+            case QVIPC_REQUEST_DISCONNECT:
+                hr = adminDisconnect(h.connectId, h.pid);
+                break;
+            case QVIPC_REQUEST_INTERNAL:
+                qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe - QVIPC_REQUEST_INTERNAL");
+                break;
+            default:
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X) - invalid "
+                    "request",
+                    addr);
+                hr = QVIPC_E_INVALID_REQUEST;
+                break;
+        }
+    }
+
+    qvTrace("<<<CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X)", addr);
+    return hr;
+}
+
+QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
+                                         unsigned long* pSlot) {
+    const unsigned addr = traceAddr(this);
+
+    unsigned long fdId = 0;
+    for (unsigned long i = 1; i < m_maxConnections; ++i) {
+        if (loadFd(m_fdsRecvResponse[i]) == -1) {
+            fdId = i;
+            break;
+        }
+    }
+    *pSlot = fdId;
+    qvTrace(
+        "CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X) - QVIPC_REQUEST_CONNECT, pid %d, "
+        "connect id %d, fd id %d",
+        addr, static_cast<int>(pid), static_cast<int>(connectId), static_cast<int>(fdId));
+
+    // The same client endpoint connects again while its old slot is still held: its connect
+    // thread started over before this side noticed the break.
+    const auto old = m_connectIdMap.find(connectId);
+    if (old != m_connectIdMap.end()) {
+        qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), closing obsolete fd id %d",
+                addr, static_cast<int>(old->second));
+        closeServerSlot(old->second);
+        m_connectIdMap.erase(old);
+        wakeResponseReceiver();
+    }
+
+    const std::string strConnectId = decimal(connectId);
+    const std::string strPid = decimal(pid);
+    QVRESULT hr = S_OK;
+
+    // The reply descriptor: the client's server-response FIFO, open once the client holds its
+    // read end.
+    const std::string replyPath = pipenameServerResponse(strConnectId, strPid);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendResponse %s",
+            replyPath.c_str());
+    int replyFd = -1;
+    for (int tries = 0; tries < OPEN_REPLY_TRIES; ++tries) {
+        replyFd = open(replyPath.c_str(), O_WRONLY | O_NONBLOCK);
+        if (replyFd != -1) break;
+        // The 20 seconds of tries end early when the endpoint stops.
+        if (!sleepUnlessShutdown(POLL_INTERVAL_MS)) break;
+    }
+    if (replyFd == -1) {
+        hr = m_shutdown.load() != 0 ? QVIPC_E_SHUTDOWN : QVIPC_E_OPEN_TIMEOUT;
+    } else {
+        if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(replyFd);
+
+        if (fdId == 0) {
+            hr = QVIPC_E_TOO_MANY_CLIENTS;
+        } else {
+            const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
+                    recvReqPath.c_str());
+            const int recvReq = openServerReadEnd(this, recvReqPath);
+            std::string failedPath = recvReqPath;
+            int recvRsp = -1;
+            if (recvReq != -1) {
+                storeFd(m_fdsRecvRequest[fdId], recvReq);
+                failedPath = pipenameClientResponse(strConnectId, strPid);
+                qvTrace(
+                    "CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
+                    failedPath.c_str());
+                recvRsp = openServerReadEnd(this, failedPath);
+                if (recvRsp != -1) storeFd(m_fdsRecvResponse[fdId], recvRsp);
+            }
+            if (recvReq == -1 || recvRsp == -1) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), creating %s, "
+                    "%d",
+                    addr, failedPath.c_str(), errno);
+                hr = QVIPC_E_CREATE_PIPE;
+            } else {
+                // One try: the client opened its read end before it sent the CONNECT.
+                const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
+                qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
+                        sendReqPath.c_str());
+                const int sendReq = open(sendReqPath.c_str(), O_WRONLY | O_NONBLOCK);
+                if (sendReq == -1) {
+                    qvLogError(
+                        "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening "
+                        "%s, %d",
+                        addr, sendReqPath.c_str(), errno);
+                    hr = QVIPC_E_OPEN_TIMEOUT;
+                } else {
+                    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(sendReq);
+                    storeFd(m_fdsSendRequest[fdId], sendReq);
+                }
+            }
+        }
+
+        ResponseFrame reply;
+        ResponseHeader rh;
+        rh.type = TYPE_CONNECT;
+        rh.requestId = requestId;
+        rh.result = hr;
+        rh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+        buildResponse(reply, rh, nullptr, 0);
+        if (m_pPipeIO->write(replyFd, reply, static_cast<int>(sizeof reply), QVIPC_NO_TIMEOUT) !=
+            static_cast<int>(sizeof reply)) {
+            hr = QVIPC_E_WRITE_RESPONSE;
+        }
+
+        if (hr == S_OK) {
+            RequestFrame note;
+            RequestHeader nh;
+            nh.type = TYPE_CONNECT;
+            nh.connectId = static_cast<uint32_t>(m_connectId);
+            nh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+            nh.requestType = 1;
+            buildRequest(note, nh, nullptr, 0);
+            if (m_pPipeIO->write(loadFd(m_fdsSendRequest[fdId]), note,
+                                 static_cast<int>(sizeof note), QVIPC_NO_TIMEOUT) < 0) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write "
+                    "failed %d",
+                    addr, errno);
+                hr = QVIPC_E_WRITE;
+            }
+        }
+    }
+
+    if (hr != S_OK) {
+        // A connect that fails half-way closes what it opened; none of it is in a set yet.
+        if (replyFd != -1) close(replyFd);
+        if (fdId != 0) {
+            closeFd(m_fdsRecvResponse[fdId]);
+            closeFd(m_fdsSendRequest[fdId]);
+            closeFd(m_fdsRecvRequest[fdId]);
+            closeFd(m_fdsSendResponse[fdId]);
+        }
+        return hr;
+    }
+
+    m_requestPipeSeen[fdId] = 1;
+    storeFd(m_fdsSendResponse[fdId], replyFd);
+    m_connectIdMap[connectId] = fdId;
+    m_slotConnectId[fdId] = connectId;
+    m_slotPid[fdId] = pid;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        m_lastConnectAttempt[fdId] = 0;
+        const int slot = static_cast<int>(fdId);
+        if (m_maxRequestSlot < slot) __atomic_store_n(&m_maxRequestSlot, slot, __ATOMIC_SEQ_CST);
+        const int recvReq = loadFd(m_fdsRecvRequest[fdId]);
+        if (recvReq > m_fdmaxRecvRequest) m_fdmaxRecvRequest = recvReq;
+        FD_SET(recvReq, &m_fdsetRecvRequest);
+        if (m_maxResponseSlot < slot) __atomic_store_n(&m_maxResponseSlot, slot, __ATOMIC_SEQ_CST);
+        const int recvRsp = loadFd(m_fdsRecvResponse[fdId]);
+        if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
+        FD_SET(recvRsp, &m_fdsetRecvResponse);
+    }
+    wakeResponseReceiver();
+
+    const int slot = static_cast<int>(fdId);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvResponse[%d] %d", slot,
+            loadFd(m_fdsRecvResponse[fdId]));
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot,
+            loadFd(m_fdsSendRequest[fdId]));
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot,
+            loadFd(m_fdsRecvRequest[fdId]));
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendResponse[%d] %d", slot,
+            loadFd(m_fdsSendResponse[fdId]));
+    return QVIPC_E_NEW_CONNECTION;
+}
+
+QVRESULT CQVIPCLibraryImpl::adminDisconnect(uint32_t connectId, uint32_t pid) {
+    const auto it = m_connectIdMap.find(connectId);
+    if (it == m_connectIdMap.end()) return S_OK;
+    const unsigned long slot = it->second;
+    qvTrace(
+        "CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X) - QVIPC_REQUEST_DISCONNECT, pid "
+        "%d, connect id %d, fd id %d",
+        traceAddr(this), static_cast<int>(pid), static_cast<int>(connectId),
+        static_cast<int>(slot));
+    // Both sets are rebuilt (not only the request set), so that the response receiver never
+    // selects on a closed descriptor; the wake-up makes it take the new set.
+    closeServerSlot(slot);
+    m_connectIdMap.erase(it);
+    wakeResponseReceiver();
+    m_slotConnectId[slot] = 0;
+    m_slotPid[slot] = 0;
+    return S_OK;
+}
+
+void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot) {
+    if (slot >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
+    int recvRsp = takeFd(m_fdsRecvResponse[slot]);
+    const int sendReq = takeFd(m_fdsSendRequest[slot]);
+    const int recvReq = takeFd(m_fdsRecvRequest[slot]);
+    const int sendRsp = takeFd(m_fdsSendResponse[slot]);
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        rebuildRequestSet();
+        rebuildResponseSet();
+        // A response receiver that entered after the entry was taken never sees recvRsp; one
+        // that is inside may still use it, and closes it itself.
+        if (recvRsp != -1 && m_inReceiveResponse.load() != 0) {
+            m_fdsDeferredClose.push_back(recvRsp);
+            recvRsp = -1;
+        }
+    }
+    if (recvRsp != -1) close(recvRsp);
+    if (sendReq != -1) close(sendReq);
+    if (recvReq != -1) close(recvReq);
+    if (sendRsp != -1) close(sendRsp);
+}
+
+void CQVIPCLibraryImpl::rebuildRequestSet() {
+    FD_ZERO(&m_fdsetRecvRequest);
+    m_fdmaxRecvRequest = 0;
+    for (int i = 0; i <= m_maxRequestSlot && i < QVIPC_MAX_SLOTS; ++i) {
+        const int fd = loadFd(m_fdsRecvRequest[i]);
+        if (fd == -1 || fd >= FD_SETSIZE) continue;
+        FD_SET(fd, &m_fdsetRecvRequest);
+        if (fd > m_fdmaxRecvRequest) m_fdmaxRecvRequest = fd;
+    }
+}
+
+void CQVIPCLibraryImpl::rebuildResponseSet() {
+    FD_ZERO(&m_fdsetRecvResponse);
+    m_fdmaxRecvResponse = 0;
+    for (int i = 0; i <= m_maxResponseSlot && i < QVIPC_MAX_SLOTS; ++i) {
+        const int fd = loadFd(m_fdsRecvResponse[i]);
+        if (fd == -1 || fd >= FD_SETSIZE) continue;
+        FD_SET(fd, &m_fdsetRecvResponse);
+        if (fd > m_fdmaxRecvResponse) m_fdmaxRecvResponse = fd;
+    }
+}
+
+void CQVIPCLibraryImpl::closeDeferredFds() {
+    std::vector<int> fds;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        fds.swap(m_fdsDeferredClose);
+    }
+    for (const int fd : fds) close(fd);
+}
+
+void CQVIPCLibraryImpl::wakeResponseReceiver() {
+    const int fd = m_adminResponsePipe[1];
+    if (fd == -1) return;
+    ResponseFrame wake;
+    buildResponse(wake, ResponseHeader(), nullptr, 0);
+    // The write end is non-blocking: a full pipe already holds a pending wake-up, and the
+    // request loop must not block on a response receiver that nobody runs.
+    const ssize_t n = ::write(fd, wake, sizeof wake);
+    (void)n;
+}
+
+bool CQVIPCLibraryImpl::sleepUnlessShutdown(unsigned long ms) {
+    constexpr unsigned long SLICE_MS = 100;
+    for (unsigned long slept = 0; slept < ms; slept += SLICE_MS) {
+        if (m_shutdown.load() != 0) return false;
+        CPortable::Sleep(ms - slept < SLICE_MS ? ms - slept : SLICE_MS);
+    }
+    return m_shutdown.load() == 0;
+}

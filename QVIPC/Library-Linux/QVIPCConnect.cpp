@@ -1,0 +1,327 @@
+// A client's connect thread "QVConnect" (at most one per endpoint, never joined; finalize waits
+// for m_connectThreadRunning to drop) and the reconnect that restarts it, or that frees a
+// server slot whose client vanished. Slot 1's descriptors are published in a fixed order: read
+// ends, write ends, response set, then m_connected, then the thread's end.
+#include <fcntl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "QVIPC/Library-Linux/Framing.h"
+#include "QVIPC/Library-Linux/PipeIO.h"
+#include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
+#include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "platform/PCritSec.h"
+#include "platform/Portable.h"
+
+using namespace qvframe;
+
+namespace {
+
+constexpr unsigned long CONNECT_RETRY_MS = 1000;
+constexpr unsigned long RECEIVER_POLL_MS = 100;
+constexpr int OPEN_WRITE_END_TRIES = 20;
+constexpr unsigned long long RECONNECT_THROTTLE_MS = 10000;
+
+// The admin FIFO failure is traced at error priority, once per try.
+void traceAtErrorPriority(const char* path, int err) {
+    CTraceUtility* ptu = g_ptu;
+    LQLogLib::CLogFile* log = ptu != nullptr ? ptu->getLogFile() : nullptr;
+    if (log == nullptr) return;
+    log->TraceString(QV_TRACE_CLASS, QV_PRIORITY_ERROR,
+                     "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin %s, "
+                     "errno %d",
+                     path, err);
+}
+
+}  // namespace
+
+void CQVIPCLibraryImpl::serverConnect() {
+    qvTrace("CQVIPCLibraryImpl::serverConnect");
+    if (m_shutdown.load() != 0) return;
+    // Two threads that both find the connection broken start one connect thread between them.
+    int expected = 0;
+    if (!m_connectThreadRunning.compare_exchange_strong(expected, 1)) return;
+    if (CPortable::CreateThread(connectThread, this, nullptr, "") == 0) {
+        m_connectThreadRunning.store(0);
+        qvLogError(
+            "(Error) CQVIPCLibraryImpl::serverConnect, CPortable::CreateThread failed - 0x%08X",
+            QVIPC_E_THREAD);
+    }
+}
+
+void* CQVIPCLibraryImpl::connectThread(void* p) {
+    static_cast<CQVIPCLibraryImpl*>(p)->connectThreadFunc();
+    return nullptr;
+}
+
+void CQVIPCLibraryImpl::connectThreadFunc() {
+    const unsigned addr = traceAddr(this);
+    CPortable::SetCurrentThreadName("QVConnect");
+    m_connectThreadRunning.store(1);
+    qvLogNotice("CQVIPCLibraryImpl::connectThreadFunc (0x%08X) - starting", addr);
+
+    if (m_connected.load() == 0) {
+        while (m_inReceiveResponse.load() != 0 && m_shutdown.load() == 0) {
+            CPortable::Sleep(RECEIVER_POLL_MS);
+        }
+        // Slot 1's write ends go now; its read ends are made anew by every attempt below.
+        closeFd(m_fdsSendRequest[REQUEST_PIPE]);
+        closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+        m_slotConnectId[REQUEST_PIPE] = 0;
+        m_slotPid[REQUEST_PIPE] = 0;
+
+        // Every attempt makes the client's read ends anew, so that each CONNECT finds both
+        // open for the server's opens and the reply.
+        while (makeClientReadEnds()) {
+            int fdSendAdmin = -1;
+            bool refused = false;
+            const QVRESULT hr = connectAttempt(&fdSendAdmin, &refused);
+            if (hr == S_OK) {
+                publishConnection();
+                break;
+            }
+            failedConnectAttempt(&fdSendAdmin);
+            if (m_shutdown.load() != 0 || hr == QVIPC_E_TOO_MANY_CLIENTS) break;
+            // A server that answered with a refusal (say it could not make the read ends) is
+            // asked again after a pause rather than in a tight loop.
+            if (refused && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
+        }
+    }
+
+    qvLogNotice("CQVIPCLibraryImpl::connectThreadFunc (0x%08X) - stopping", addr);
+    // Last touch of the endpoint: finalize may destroy it as soon as this is seen.
+    m_connectThreadRunning.store(0);
+}
+
+bool CQVIPCLibraryImpl::makeClientReadEnds() {
+    struct ReadEnd {
+        int* pEntry;
+        std::string path;
+        const char* name;
+    };
+    const ReadEnd ends[2] = {
+        {&m_fdsRecvResponse[REQUEST_PIPE], pipenameServerResponse(m_strConnectId, m_strPid),
+         "m_fdsRecvResponse"},
+        {&m_fdsRecvRequest[REQUEST_PIPE], pipenameClientRequest(m_strConnectId, m_strPid),
+         "m_fdsRecvRequest"},
+    };
+    for (const ReadEnd& end : ends) {
+        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating %s %s", end.name, end.path.c_str());
+        int fd = open(end.path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+        if (fd == -1) {
+            qvLogError(
+                "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
+                end.path.c_str(), errno);
+            return false;
+        }
+        clearO_NONBLOCK(fd);
+        // The new read end takes the number of the old one in one step: a receive thread that
+        // holds that number keeps reading the same FIFO, and never a closed or reused number.
+        const int old = loadFd(*end.pEntry);
+        if (old != -1 && dup2(fd, old) == old) {
+            close(fd);
+            fd = old;
+        } else {
+            if (old != -1) closeFd(*end.pEntry);
+            storeFd(*end.pEntry, fd);
+        }
+        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened %s[REQUEST_PIPE] %d", end.name, fd);
+    }
+    return true;
+}
+
+QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
+    const unsigned addr = traceAddr(this);
+    const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+
+    const std::string adminPath = pipenameServerAdmin();
+    for (;;) {
+        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening fdSendAdmin %s", adminPath.c_str());
+        *pFdSendAdmin = open(adminPath.c_str(), O_WRONLY | O_NONBLOCK);
+        if (*pFdSendAdmin != -1) break;
+        traceAtErrorPriority(adminPath.c_str(), errno);
+        if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
+    }
+
+    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(*pFdSendAdmin);
+    m_connectResult[REQUEST_PIPE] = 0;
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending connect request");
+    RequestFrame record;
+    RequestHeader h;
+    h.type = QVIPC_REQUEST_CONNECT;
+    h.connectId = static_cast<uint32_t>(m_connectId);
+    h.pid = ownPid;
+    buildRequest(record, h, nullptr, 0);
+    if (m_pPipeIO->write(*pFdSendAdmin, record, static_cast<int>(sizeof record), QVIPC_NO_TIMEOUT) <
+        0) {
+        qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc (0x%08X), write failed %d", addr,
+                   errno);
+        close(*pFdSendAdmin);
+        *pFdSendAdmin = -1;
+        return QVIPC_E_WRITE;
+    }
+
+    m_waitingConnectReply.store(1);
+    unsigned long requestId = 0;
+    char* body = nullptr;
+    unsigned long len = 0;
+    QVRESULT hr = receiveResponseOnClientPipe(REQUEST_PIPE, 1, &requestId, &body, &len, nullptr);
+    delete[] body;
+    m_waitingConnectReply.store(0);
+    if (hr == S_OK) {
+        hr = static_cast<QVRESULT>(m_connectResult[REQUEST_PIPE]);
+        *pRefused = hr != S_OK;
+    }
+    if (hr == QVIPC_E_TOO_MANY_CLIENTS) {
+        qvLogError(
+            "(Error) CQVIPCLibraryImpl::connectThreadFunc (0x%08X), server has too many clients",
+            addr);
+    }
+    if (hr != S_OK) return hr;
+
+    struct WriteEnd {
+        int* pEntry;
+        std::string path;
+        const char* name;
+    };
+    const WriteEnd ends[2] = {
+        {&m_fdsSendRequest[REQUEST_PIPE], pipenameServerRequest(m_strConnectId, m_strPid),
+         "m_fdsSendRequest"},
+        {&m_fdsSendResponse[REQUEST_PIPE], pipenameClientResponse(m_strConnectId, m_strPid),
+         "m_fdsSendResponse"},
+    };
+    for (const WriteEnd& end : ends) {
+        int fd = -1;
+        for (int tries = 0; fd == -1; ++tries) {
+            qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening %s %s", end.name,
+                    end.path.c_str());
+            // Always opened non-blocking, then made blocking when there is no send time-out:
+            // a plain blocking open would wait for ever for a server that died after its reply.
+            fd = open(end.path.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd != -1) break;
+            if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
+            if (tries + 1 >= OPEN_WRITE_END_TRIES) return QVIPC_E_OPEN_TIMEOUT;
+            if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
+        }
+        if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
+        storeFd(*end.pEntry, fd);
+        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened %s[REQUEST_PIPE] %d", end.name, fd);
+    }
+
+    close(*pFdSendAdmin);
+    *pFdSendAdmin = -1;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        __atomic_store_n(&m_maxRequestSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
+    }
+    m_slotConnectId[REQUEST_PIPE] = m_connectId;
+    m_slotPid[REQUEST_PIPE] = ownPid;
+    return S_OK;
+}
+
+void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
+    if (*pFdSendAdmin != -1) {
+        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending disconnect request");
+        RequestFrame record;
+        RequestHeader h;
+        h.type = QVIPC_REQUEST_DISCONNECT;
+        h.connectId = static_cast<uint32_t>(m_connectId);
+        h.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+        h.requestType = 1;
+        buildRequest(record, h, nullptr, 0);
+        if (m_pPipeIO->write(*pFdSendAdmin, record, static_cast<int>(sizeof record),
+                             QVIPC_NO_TIMEOUT) < 0) {
+            qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc.1, write failed %d", errno);
+        }
+        close(*pFdSendAdmin);
+        *pFdSendAdmin = -1;
+    }
+    // The read ends stay until the next attempt replaces them, or until finalize: a receive
+    // thread may be reading them, and only these two points are known to be safe.
+    closeFd(m_fdsSendRequest[REQUEST_PIPE]);
+    closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+    m_slotConnectId[REQUEST_PIPE] = 0;
+    m_slotPid[REQUEST_PIPE] = 0;
+}
+
+void CQVIPCLibraryImpl::publishConnection() {
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        if (m_maxResponseSlot < REQUEST_PIPE) {
+            __atomic_store_n(&m_maxResponseSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
+        }
+        const int fd = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        // A client never selects on its set; a descriptor beyond FD_SETSIZE stays out of it.
+        if (fd < FD_SETSIZE) {
+            if (fd > m_fdmaxRecvResponse) m_fdmaxRecvResponse = fd;
+            FD_SET(fd, &m_fdsetRecvResponse);
+        }
+    }
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvResponse[REQUEST_PIPE] %d",
+            loadFd(m_fdsRecvResponse[REQUEST_PIPE]));
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendRequest[REQUEST_PIPE] %d",
+            loadFd(m_fdsSendRequest[REQUEST_PIPE]));
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvRequest[REQUEST_PIPE] %d",
+            loadFd(m_fdsRecvRequest[REQUEST_PIPE]));
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendResponse[REQUEST_PIPE] %d",
+            loadFd(m_fdsSendResponse[REQUEST_PIPE]));
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        m_lastConnectAttempt[REQUEST_PIPE] = 0;
+    }
+    m_connected.store(1);
+}
+
+void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
+    qvTrace("CQVIPCLibraryImpl::enableClientReconnect (0x%08X) - id %d, issvr %d", traceAddr(this),
+            static_cast<int>(id), m_isServer);
+    if (id >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        const unsigned long long now = CPortable::GetTickCountULL();
+        if (now - m_lastConnectAttempt[id] <= RECONNECT_THROTTLE_MS) {
+            qvTrace(
+                "CQVIPCLibraryImpl::enableClientReconnect - too soon since previous connect "
+                "attempt.  id %d",
+                static_cast<int>(id));
+            return;
+        }
+        m_lastConnectAttempt[id] = now;
+    }
+    if (m_connectThreadRunning.load() != 0) {
+        qvTrace("CQVIPCLibraryImpl::enableClientReconnect - connect thread running.  id %d",
+                static_cast<int>(id));
+        return;
+    }
+
+    m_connected.store(m_isServer);
+    // The pause ends early when the endpoint stops, so finalize does not wait for it.
+    if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return;
+
+    if (m_isServer == 0) {
+        m_connected.store(0);
+        serverConnect();
+        return;
+    }
+
+    // Server: the client of this slot vanished without a DISCONNECT. The slot's descriptors
+    // leave both sets before they are closed.
+    closeServerSlot(id);
+    for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
+        if (it->first == m_slotConnectId[id] && it->second == id) {
+            m_connectIdMap.erase(it);
+            break;
+        }
+    }
+    RequestFrame internal;
+    RequestHeader h;
+    h.type = QVIPC_REQUEST_INTERNAL;
+    buildRequest(internal, h, nullptr, 0);
+    const int adminFd = loadFd(m_fdsSendRequest[0]);
+    if (adminFd != -1) {
+        m_pPipeIO->write(adminFd, internal, static_cast<int>(sizeof internal), QVIPC_NO_TIMEOUT);
+    }
+    wakeResponseReceiver();
+}

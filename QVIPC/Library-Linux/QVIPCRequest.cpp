@@ -1,0 +1,318 @@
+// The request path: sending a request (one gather write of header and body) and receiving one,
+// on the server through a select() loop over the admin FIFO and every client's request FIFO,
+// on a client by a blocking read of its own request FIFO. One thread per endpoint receives
+// requests: the cycle members (ready set, count, cursor) are its own and take no lock.
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <cerrno>
+
+#include "QVIPC/Library-Linux/Framing.h"
+#include "QVIPC/Library-Linux/PipeIO.h"
+#include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
+#include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "platform/PCritSec.h"
+#include "platform/Portable.h"
+
+using namespace qvframe;
+
+namespace {
+
+constexpr time_t SELECT_TIMEOUT_SEC = 9999999;  // acts as no time-out
+
+}  // namespace
+
+QVRESULT CQVIPCLibraryImpl::waitInitialized() {
+    while (m_initialized.load() == 0) {
+        if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
+        CPortable::Sleep(POLL_INTERVAL_MS);
+    }
+    return S_OK;
+}
+
+int CQVIPCLibraryImpl::selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady,
+                                    int* pErr) {
+    int count;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        *pReady = master;
+        count = fdmax + 1;
+    }
+    timeval tv;
+    tv.tv_sec = SELECT_TIMEOUT_SEC;
+    tv.tv_usec = 0;
+    const int n = select(count, pReady, nullptr, nullptr, &tv);
+    *pErr = errno;
+    return n;
+}
+
+int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready,
+                                     const int* fds, int maxSlot) {
+    while (*pCursor != 0 || *pReadyCount > 0) {
+        if (*pCursor > maxSlot) break;
+        const int slot = (*pCursor)++;
+        const int fd = loadFd(fds[slot]);
+        if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &ready)) continue;
+        const bool cycleOver = --*pReadyCount <= 0;
+        if (cycleOver) *pCursor = 0;
+        if (isReadable(fd)) return slot;
+        if (cycleOver) return -1;
+    }
+    *pCursor = 0;
+    return -1;
+}
+
+QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, unsigned long len,
+                                        unsigned long* pRequestId, int requestType,
+                                        const char* headerExt) {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::sendRequest (0x%08X), ipcid %d", addr, static_cast<int>(ipcid));
+
+    QVRESULT hr = waitInitialized();
+    int fd = -1;
+    if (hr == S_OK) {
+        if (m_isServer != 0) {
+            if (ipcid < 1 || ipcid >= m_maxConnections) {
+                hr = QVIPC_E_INVALID_ID;
+            } else {
+                fd = loadFd(m_fdsSendRequest[ipcid]);
+            }
+        } else if (ipcid != 0) {
+            hr = QVIPC_E_INVALID_ID;
+        } else {
+            fd = loadFd(m_fdsSendRequest[REQUEST_PIPE]);
+        }
+    }
+    if (hr == S_OK && fd == -1) {
+        qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X) failed, ipcid %d, hr 0x%08X",
+                   addr, static_cast<int>(ipcid), QVIPC_E_NO_PIPE);
+        hr = QVIPC_E_NO_PIPE;
+    }
+    if (hr == S_OK) {
+        // The id is used up before the write, so a failed write still consumes it.
+        const unsigned long requestId = m_nextRequestId++;
+        if (pRequestId != nullptr) *pRequestId = requestId;
+
+        RequestFrame header;
+        RequestHeader h;
+        h.type = TYPE_DATA;
+        h.requestId = static_cast<uint32_t>(requestId);
+        // The wire carries 32 bits of length; this is the one place a length is narrowed.
+        h.bodySize = static_cast<uint32_t>(len);
+        h.requestType = requestType;
+        buildRequest(header, h, headerExt, m_headerExtSize);
+        qvTrace("CQVIPCLibraryImpl::sendRequest 0x%08X, fd %d", addr, fd);
+
+        iovec iov[2];
+        iov[0].iov_base = header;
+        iov[0].iov_len = sizeof header;
+        iov[1].iov_base = const_cast<char*>(buf);
+        iov[1].iov_len = h.bodySize;
+        const int count = h.bodySize != 0 ? 2 : 1;
+        const int sent = m_pPipeIO->writev(fd, iov, count, m_sendTimeout);
+        const int toSend = static_cast<int>(h.bodySize + sizeof header);
+        if (sent < 0) {
+            qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev failed %d", addr,
+                       errno);
+            hr = QVIPC_E_WRITE;
+        } else if (sent != toSend || len != h.bodySize) {
+            qvLogError(
+                "(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev count mismatch: tosend "
+                "%d, sent %d",
+                addr, toSend, sent);
+            hr = QVIPC_E_WRITE;
+        }
+    }
+
+    qvTrace("<<<CQVIPCLibraryImpl::sendRequest (0x%08X), ipcid %d", addr, static_cast<int>(ipcid));
+    return hr;
+}
+
+QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
+                                                        unsigned long* pRequestId, char** ppBuf,
+                                                        unsigned long* pLen, int* pRequestType,
+                                                        char* headerExt) {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X)", addr);
+    m_inReceiveRequest.store(1);
+
+    QVRESULT hr = waitInitialized();
+    bool done = hr != S_OK;
+    while (!done) {
+        if (m_nextRequestSlot == 0) {
+            int err = 0;
+            m_readyRequestCount = selectOnCopy(m_fdsetRecvRequest, m_fdmaxRecvRequest,
+                                               &m_fdsetRecvRequestReady, &err);
+            if (m_shutdown.load() != 0) {
+                hr = QVIPC_E_SHUTDOWN;
+                break;
+            }
+            if (m_readyRequestCount < 0) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), select "
+                    "failed %d",
+                    addr, err);
+                continue;
+            }
+            if (m_readyRequestCount == 0) continue;
+        }
+        const int slot = nextReadySlot(&m_nextRequestSlot, &m_readyRequestCount,
+                                       m_fdsetRecvRequestReady, m_fdsRecvRequest, m_maxRequestSlot);
+        if (slot < 0) continue;
+        if (slot == 0) {
+            unsigned long newSlot = 0;
+            hr = receiveRequestOnAdminPipe(&newSlot);
+            if (hr == QVIPC_E_NEW_CONNECTION) {
+                *pIpcid = newSlot;
+                done = true;
+            }
+            continue;
+        }
+        hr = receiveRequestOnClientPipe(static_cast<unsigned long>(slot), pRequestId, ppBuf, pLen,
+                                        pRequestType, headerExt);
+        *pIpcid = static_cast<unsigned long>(slot);
+        done = true;
+    }
+    if (m_nextRequestSlot > m_maxRequestSlot) m_nextRequestSlot = 0;
+
+    m_inReceiveRequest.store(0);
+    qvTrace("<<<CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), id %d", addr,
+            static_cast<int>(*pIpcid));
+    return hr;
+}
+
+QVRESULT CQVIPCLibraryImpl::receiveRequestSecondaryServer(unsigned long* pIpcid,
+                                                          unsigned long* pRequestId, char** ppBuf,
+                                                          unsigned long* pLen, int* pRequestType,
+                                                          char* headerExt) {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestSecondaryServer (0x%08X)", addr);
+    m_inReceiveRequest.store(1);
+    *pIpcid = 0;
+
+    QVRESULT hr = waitInitialized();
+    while (hr == S_OK && loadFd(m_fdsRecvRequest[REQUEST_PIPE]) == -1) {
+        if (m_shutdown.load() != 0) {
+            hr = QVIPC_E_SHUTDOWN;
+        } else {
+            CPortable::Sleep(POLL_INTERVAL_MS);
+        }
+    }
+    if (hr == S_OK) {
+        hr = receiveRequestOnClientPipe(REQUEST_PIPE, pRequestId, ppBuf, pLen, pRequestType,
+                                        headerExt);
+        if (m_shutdown.load() != 0) hr = QVIPC_E_SHUTDOWN;
+    }
+
+    m_inReceiveRequest.store(0);
+    qvTrace("<<<CQVIPCLibraryImpl::receiveRequestSecondaryServer (0x%08X)", addr);
+    return hr;
+}
+
+QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
+                                                       unsigned long* pRequestId, char** ppBuf,
+                                                       unsigned long* pLen, int* pRequestType,
+                                                       char* headerExt) {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), id %d", addr,
+            static_cast<int>(slot));
+    *pRequestId = 0;
+    *ppBuf = nullptr;
+    *pLen = 0;
+    *pRequestType = 0;
+
+    QVRESULT hr = S_OK;
+    for (;;) {
+        int fd = loadFd(m_fdsRecvRequest[slot]);
+        while (fd == -1 && m_shutdown.load() == 0) {
+            CPortable::Sleep(POLL_INTERVAL_MS);
+            fd = loadFd(m_fdsRecvRequest[slot]);
+        }
+        if (m_shutdown.load() != 0) {
+            hr = QVIPC_E_SHUTDOWN;
+            break;
+        }
+        // A client whose writer has not shown up yet does not read while its connect thread
+        // rebuilds slot 1: the thread replaces the read ends, and the connect notification is
+        // read once it has finished.
+        if (m_isServer == 0 && m_requestPipeSeen[slot] == 0 && m_connectThreadRunning.load() != 0) {
+            CPortable::Sleep(POLL_INTERVAL_MS);
+            continue;
+        }
+
+        RequestFrame header;
+        const ssize_t n = readHeader(fd, header, sizeof header);
+        if (n != static_cast<ssize_t>(sizeof header)) {
+            const int err = n < 0 ? errno : 0;
+            // Only a client waits for its writer; a server slot with no writer is reported, so
+            // that a throttled clean-up cannot hold the server's loop on one slot.
+            if (m_requestPipeSeen[slot] == 0 && slot == REQUEST_PIPE && m_isServer == 0) {
+                CPortable::Sleep(POLL_INTERVAL_MS);
+                continue;
+            }
+            m_requestPipeSeen[slot] = 0;
+            if (n == 0) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), client "
+                    "disconnected",
+                    addr);
+                hr = QVIPC_E_DISCONNECTED;
+            } else {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), read header "
+                    "failed %d",
+                    addr, err);
+                hr = QVIPC_E_READ;
+            }
+            enableClientReconnect(slot);
+            CPortable::Sleep(POLL_INTERVAL_MS);
+            break;
+        }
+
+        m_requestPipeSeen[slot] = 1;
+        const RequestHeader h = parseRequest(header);
+        if (h.type == TYPE_CONNECT) {
+            {
+                CCritSecLock lock(m_pCritSec, __LINE__);
+                m_lastConnectAttempt[slot] = 0;
+            }
+            bool first = true;
+            while (m_connectThreadRunning.load() != 0) {
+                CPortable::Sleep(POLL_INTERVAL_MS);
+                if (first) {
+                    qvTrace(
+                        "CQVIPCLibraryImpl::receiveRequestOnClientPipe - waiting for connect "
+                        "thread finished");
+                    first = false;
+                }
+            }
+            hr = QVIPC_E_NEW_CONNECTION;
+        } else if (h.type == TYPE_DATA) {
+            *pRequestId = h.requestId;
+            *pRequestType = h.requestType;
+            copyExtOut(header, REQ_EXT, headerExt, m_headerExtSize);
+            char* body = nullptr;
+            int err = 0;
+            hr = readBody(fd, h.bodySize, &body, &err);
+            if (hr == S_OK) {
+                *ppBuf = body;
+                *pLen = h.bodySize;
+            } else {
+                // The rest of the body is still in the FIFO and the framing cannot resync: an
+                // unallocatable body breaks the connection like a failed body read.
+                if (hr == QVIPC_E_OUTOFMEMORY) err = ENOMEM;
+                m_requestPipeSeen[slot] = 0;
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), read message "
+                    "failed %d",
+                    addr, err);
+                enableClientReconnect(slot);
+            }
+        }
+        break;
+    }
+
+    qvTrace("<<<CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), id %d", addr,
+            static_cast<int>(slot));
+    return hr;
+}

@@ -1,0 +1,145 @@
+// Shutdown: finalize stops the connect thread, wakes every blocked receiver with one record and
+// waits for it to leave, then closes every descriptor exactly once and removes a client's FIFOs.
+// It runs on an application thread and meets the others only through the atomic flags; it
+// closes descriptors only after their users have left. The destructor runs it again.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "QVIPC/Library-Linux/Framing.h"
+#include "QVIPC/Library-Linux/IDGen.h"
+#include "QVIPC/Library-Linux/PipeIO.h"
+#include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
+#include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "platform/PCritSec.h"
+#include "platform/Portable.h"
+#include "platform/TraceUtility.h"
+
+using namespace qvframe;
+
+namespace {
+
+void waitWhileSet(const std::atomic<int>& flag) {
+    while (flag.load() != 0) CPortable::Sleep(POLL_INTERVAL_MS);
+}
+
+}  // namespace
+
+QVRESULT CQVIPCLibraryImpl::finalize() {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::finalize (0x%08X)", addr);
+
+    m_initialized.store(0);
+    m_shutdown.store(1);
+    waitWhileSet(m_connectThreadRunning);
+
+    const int writeFlags = m_sendTimeout != QVIPC_NO_TIMEOUT ? O_WRONLY | O_NONBLOCK : O_WRONLY;
+    const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+
+    // Request side: a blocked select() (server) or read() (client) gets one record.
+    RequestFrame requestWake;
+    RequestHeader rq;
+    rq.type = TYPE_DATA;
+    buildRequest(requestWake, rq, nullptr, 0);
+    int fd = -1;
+    if (m_isServer != 0) {
+        fd = loadFd(m_fdsSendRequest[0]);
+    } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
+        fd = open(pipenameClientRequest(m_strConnectId, m_strPid).c_str(), writeFlags);
+    }
+    if (fd != -1) {
+        if (m_pPipeIO->write(fd, requestWake, static_cast<int>(sizeof requestWake),
+                             QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof requestWake)) {
+            waitWhileSet(m_inReceiveRequest);
+        }
+        if (m_isServer == 0) close(fd);
+    }
+
+    // Response side: the server's internal pipe, or the client's own response FIFO.
+    ResponseFrame responseWake;
+    ResponseHeader rs;
+    rs.type = TYPE_DATA;
+    rs.pid = ownPid;
+    buildResponse(responseWake, rs, nullptr, 0);
+    if (m_isServer != 0) {
+        fd = m_adminResponsePipe[1];
+        if (fd != -1) {
+            // The pipe's write end is non-blocking; a full pipe already holds a wake-up for the
+            // receiver, so it is waited for all the same.
+            const ssize_t n = ::write(fd, responseWake, sizeof responseWake);
+            if (n == static_cast<ssize_t>(sizeof responseWake) || (n < 0 && errno == EAGAIN)) {
+                waitWhileSet(m_inReceiveResponse);
+            }
+        }
+    } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
+        fd = open(pipenameServerResponse(m_strConnectId, m_strPid).c_str(), writeFlags);
+        if (fd != -1) {
+            if (m_pPipeIO->write(fd, responseWake, static_cast<int>(sizeof responseWake),
+                                 QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof responseWake)) {
+                waitWhileSet(m_inReceiveResponse);
+            }
+            close(fd);
+        }
+    }
+
+    // The internal pipe's read end is also m_fdsRecvResponse[0]; it is closed once, there.
+    const bool pipeReadInSlot0 =
+        m_adminResponsePipe[0] != -1 && loadFd(m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
+
+    for (int slot = 0; slot <= m_maxResponseSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+        qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvResponse[%d] %d", addr,
+                slot, loadFd(m_fdsRecvResponse[slot]));
+        closeFd(m_fdsRecvResponse[slot]);
+        qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendRequest[%d] %d", addr,
+                slot, loadFd(m_fdsSendRequest[slot]));
+        closeFd(m_fdsSendRequest[slot]);
+    }
+    __atomic_store_n(&m_maxResponseSlot, -1, __ATOMIC_SEQ_CST);
+
+    for (int slot = 0; slot <= m_maxRequestSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+        qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvRequest[%d] %d", addr,
+                slot, loadFd(m_fdsRecvRequest[slot]));
+        closeFd(m_fdsRecvRequest[slot]);
+        qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendResponse[%d] %d", addr,
+                slot, loadFd(m_fdsSendResponse[slot]));
+        closeFd(m_fdsSendResponse[slot]);
+    }
+    __atomic_store_n(&m_maxRequestSlot, -1, __ATOMIC_SEQ_CST);
+
+    if (pipeReadInSlot0) {
+        m_adminResponsePipe[0] = -1;
+    } else {
+        closeFd(m_adminResponsePipe[0]);
+    }
+    closeFd(m_adminResponsePipe[1]);
+
+    // What the loops above do not cover: a client's read ends that its connect thread made
+    // before it was stopped (the highest-slot values cover slot 1 only once connected), and
+    // response read ends that a server's receiver had not yet closed itself.
+    if (m_isServer == 0) {
+        closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+        closeFd(m_fdsSendRequest[REQUEST_PIPE]);
+        closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+    }
+    closeDeferredFds();
+
+    cleanupPipenames();
+    qvTrace("<<<CQVIPCLibraryImpl::finalize (0x%08X)", addr);
+    return S_OK;
+}
+
+CQVIPCLibraryImpl::~CQVIPCLibraryImpl() {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::~CQVIPCLibraryImpl (0x%08X)", addr);
+    finalize();
+    delete m_pPipeIO;
+    m_pPipeIO = nullptr;
+    delete m_pCritSec;
+    m_pCritSec = nullptr;
+    delete m_pIDGen;
+    m_pIDGen = nullptr;
+    qvTrace("<<<CQVIPCLibraryImpl::~CQVIPCLibraryImpl 0x%08X", addr);
+    DestroyCTraceUtility(&g_ptu);
+}

@@ -1,0 +1,154 @@
+// Start-up: the service's admin FIFO, then the server's admin channels (both ends of the admin
+// FIFO and the internal pipe) or a client's four connection FIFOs and its connect thread. Runs
+// on the application's thread; m_pCritSec is held only while slot 0 enters the sets.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "QVIPC/Library-Linux/Framing.h"
+#include "QVIPC/Library-Linux/PipenameRegistry.h"
+#include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
+#include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "platform/PCritSec.h"
+
+using namespace qvframe;
+
+namespace {
+
+constexpr mode_t FIFO_MODE = S_IFIFO | 0666;  // 0x11B6
+constexpr mode_t FILE_MODE = 0666;            // 0x1B6, whatever the umask
+
+// mknod, with EEXIST counting as success (the FIFO is reused, its mode set again). Returns
+// 0, or errno of the failed mknod.
+int makeFifo(const std::string& path) {
+    if (mknod(path.c_str(), FIFO_MODE, 0) != 0 && errno != EEXIST) return errno;
+    chmod(path.c_str(), FILE_MODE);
+    return 0;
+}
+
+}  // namespace
+
+QVRESULT CQVIPCLibraryImpl::initialize() {
+    const unsigned addr = traceAddr(this);
+    qvTrace("CQVIPCLibraryImpl::initialize (0x%08X)", addr);
+
+    // A second initialize of a running endpoint changes nothing and succeeds; after finalize
+    // the endpoint is not started again. (Repeating the steps would open every descriptor a
+    // second time and start a second connect thread.)
+    if (m_shutdown.load() != 0) {
+        qvTrace("<<<CQVIPCLibraryImpl::initialize (0x%08X)", addr);
+        return QVIPC_E_SHUTDOWN;
+    }
+    if (m_initialized.load() != 0) {
+        qvTrace("<<<CQVIPCLibraryImpl::initialize (0x%08X)", addr);
+        return S_OK;
+    }
+
+    m_shutdown.store(0);
+    QVRESULT hr = S_OK;
+    const std::string adminPath = pipenameServerAdmin();
+    qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod serverAdmin %s", addr, adminPath.c_str());
+    int err = makeFifo(adminPath);
+    if (err != 0) {
+        qvLogError("(Error) CQVIPCLibraryImpl::initialize, can't mknod fifo %s, errno %d",
+                   adminPath.c_str(), err);
+        hr = QVIPC_E_CREATE_PIPE;
+    } else if (m_isServer != 0) {
+        qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, create server response admin pipe", addr);
+        // A retry after a failed start-up keeps what the failed one made.
+        if (m_adminResponsePipe[0] == -1 && pipe(m_adminResponsePipe) != 0) {
+            qvLogError(
+                "(Error) CQVIPCLibraryImpl::initialize, create server response admin pipe, errno "
+                "%d",
+                errno);
+            m_adminResponsePipe[0] = -1;
+            m_adminResponsePipe[1] = -1;
+            hr = QVIPC_E_CREATE_PIPE;
+        }
+        if (hr == S_OK) {
+            // Wake-ups need no more than one pending record: a full pipe must not block the
+            // writer (see wakeResponseReceiver).
+            const int flags = fcntl(m_adminResponsePipe[1], F_GETFL);
+            if (flags != -1) fcntl(m_adminResponsePipe[1], F_SETFL, flags | O_NONBLOCK);
+            CCritSecLock lock(m_pCritSec, __LINE__);
+            if (m_adminResponsePipe[0] < FD_SETSIZE) {
+                FD_SET(m_adminResponsePipe[0], &m_fdsetRecvResponse);
+                if (m_adminResponsePipe[0] > m_fdmaxRecvResponse) {
+                    m_fdmaxRecvResponse = m_adminResponsePipe[0];
+                }
+            }
+            storeFd(m_fdsRecvResponse[0], m_adminResponsePipe[0]);
+            __atomic_store_n(&m_maxResponseSlot, 0, __ATOMIC_SEQ_CST);
+        }
+
+        if (hr == S_OK) {
+            qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (read) %s", addr,
+                    adminPath.c_str());
+            int fd = loadFd(m_fdsRecvRequest[0]);
+            if (fd == -1) fd = open(adminPath.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+            if (fd == -1) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::initialize, can't create recv pipe %s, errno %d",
+                    adminPath.c_str(), errno);
+                hr = QVIPC_E_CREATE_PIPE;
+            } else {
+                clearO_NONBLOCK(fd);
+                CCritSecLock lock(m_pCritSec, __LINE__);
+                m_fdmaxRecvRequest = fd;
+                if (fd < FD_SETSIZE) FD_SET(fd, &m_fdsetRecvRequest);
+                storeFd(m_fdsRecvRequest[0], fd);
+                __atomic_store_n(&m_maxRequestSlot, 0, __ATOMIC_SEQ_CST);
+            }
+        }
+
+        if (hr == S_OK) {
+            qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (write) %s", addr,
+                    adminPath.c_str());
+            const int flags = m_sendTimeout != QVIPC_NO_TIMEOUT ? O_WRONLY | O_NONBLOCK : O_WRONLY;
+            const int fd = open(adminPath.c_str(), flags);
+            if (fd == -1) {
+                qvLogError(
+                    "(Error) CQVIPCLibraryImpl::initialize, can't create send pipe %s, errno %d",
+                    adminPath.c_str(), errno);
+                hr = QVIPC_E_MKNOD;
+            } else {
+                storeFd(m_fdsSendRequest[0], fd);
+                m_initialized.store(1);
+            }
+        }
+    } else {
+        struct ClientFifo {
+            std::string path;
+            const char* name;
+            QVRESULT failure;
+        };
+        const ClientFifo fifos[4] = {
+            {pipenameServerRequest(m_strConnectId, m_strPid), "serverRequest", QVIPC_E_MKNOD},
+            {pipenameServerResponse(m_strConnectId, m_strPid), "serverResponse",
+             QVIPC_E_CREATE_PIPE},
+            {pipenameClientRequest(m_strConnectId, m_strPid), "clientRequest", QVIPC_E_CREATE_PIPE},
+            {pipenameClientResponse(m_strConnectId, m_strPid), "clientResponse", QVIPC_E_MKNOD},
+        };
+        for (const ClientFifo& fifo : fifos) {
+            qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod %s %s", addr, fifo.name,
+                    fifo.path.c_str());
+            err = makeFifo(fifo.path);
+            if (err != 0) {
+                qvLogError("(Error) CQVIPCLibraryImpl::initialize, can't mknod fifo %s, errno %d",
+                           fifo.path.c_str(), err);
+                hr = fifo.failure;
+                break;
+            }
+            g_pipenameRegistry.add(fifo.path);
+        }
+        if (hr == S_OK) {
+            m_initialized.store(1);
+            serverConnect();
+        }
+    }
+
+    qvTrace("<<<CQVIPCLibraryImpl::initialize (0x%08X)", addr);
+    return hr;
+}
