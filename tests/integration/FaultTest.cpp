@@ -1,0 +1,210 @@
+// Bad input and faults that a peer can cause: garbage on the admin FIFO, headers of unknown
+// type, bodies cut short by a dying writer, a FIFO kept full against a send time-out. Each
+// must give its designed result, and the other clients must keep being served.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
+#include "tests/integration/IntegrationSupport.h"
+#include "tests/support/TestSupport.h"
+
+using namespace itest;
+
+namespace {
+
+class FaultTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_guid = qvtest::TestGuid();
+        m_fdsBefore = qvtest::CountOpenFds();
+    }
+    void TearDown() override { qvtest::RemoveGuidFiles(m_guid); }
+
+    // One request of the pair's client, answered by the server's echo.
+    static void expectRoundTrip(ConnectedPair& pair, const std::string& body) {
+        unsigned long id = 0;
+        ASSERT_EQ(S_OK, pair.client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr));
+        const Received r = ReceiveResponse(*pair.client, 48);
+        EXPECT_EQ(S_OK, r.hr);
+        EXPECT_EQ(id, r.requestId);
+        EXPECT_TRUE(r.body == body);
+    }
+
+    ipctest::LineCapture m_capture;
+    std::string m_guid;
+    int m_fdsBefore = 0;
+};
+
+TEST_F(FaultTest, AdminFifoGarbageIsReportedAndTheServerGoesOn) {
+    {
+        ConnectedPair pair(m_guid, 4, 48, true);
+        ASSERT_TRUE(pair.ok);
+        const std::string addr = AddressOf(m_capture, m_guid, 1);
+        const std::string invalid =
+            "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (" + addr +
+            ") - invalid request";
+        const std::string internal =
+            "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe - QVIPC_REQUEST_INTERNAL";
+        struct Case {
+            const char* name;
+            std::string bytes;
+            std::string line;
+            size_t count;  // how often the line has been seen after this case
+        };
+        const Case cases[] = {
+            {"short record", std::string(10, 'x'),
+             "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (" + addr +
+                 "), read failed 0",
+             1},
+            {"code 0", RequestRecord(0, 0, 0, 0, 0, 0), invalid, 1},
+            {"code 100", RequestRecord(100, 0, 0, 0, 0, 0), invalid, 2},
+            {"internal", RequestRecord(99, 0, 0, 0, 0, 0), internal, 1},
+            // An invalid record followed by a valid one in the same write: both are read.
+            {"invalid then internal",
+             RequestRecord(100, 5, 5, 5, 5, 5) + RequestRecord(99, 0, 0, 0, 0, 0), internal, 2},
+            // A disconnect for a connect id that nobody holds changes nothing.
+            {"unknown disconnect", RequestRecord(2, 0, 777777, 1, 0, 1), internal, 2},
+        };
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name);
+            ASSERT_TRUE(WriteAdmin(m_guid, c.bytes));
+            EXPECT_TRUE(WaitLine(m_capture, c.line, c.count));
+            expectRoundTrip(pair, c.name);
+        }
+        EXPECT_EQ(3u, CountLines(m_capture, invalid));
+        // Nothing of it reached the application: one connection, then the echoed requests.
+        for (const Received& r : pair.serverLoop->results()) {
+            EXPECT_TRUE(r.hr == S_OK || r.hr == QVIPC_E_NEW_CONNECTION) << std::hex << r.hr;
+        }
+        EXPECT_EQ(1u, pair.serverLoop->connections().size());
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
+TEST_F(FaultTest, HeaderOfUnknownTypeYieldsAnEmptyResultAndItsBodyIsNotRead) {
+    ConnectedPair pair(m_guid, 4, 48, true);
+    ASSERT_TRUE(pair.ok);
+    RawClient raw(m_guid, 900001);
+    ASSERT_EQ(0u, raw.connect());
+    ASSERT_TRUE(pair.serverLoop->waitConnections(2));
+    const unsigned long slot = pair.serverLoop->connections()[1];
+    // Type 7 announces 100 bytes that never come; the data request right behind it is read.
+    ASSERT_TRUE(raw.sendRaw(
+        RequestRecord(7, 1, 0, 0, 100, 3) + RequestRecord(3, 2, 0, 0, 4, 9) + "body", false));
+    ASSERT_TRUE(pair.serverLoop->waitResult(S_OK, 2));
+    std::vector<Received> got;
+    for (const Received& r : pair.serverLoop->results()) {
+        if (r.ipcid == slot && r.hr == S_OK) got.push_back(r);
+    }
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ(0ul, got[0].requestId);
+    EXPECT_EQ(0, got[0].requestType);
+    EXPECT_TRUE(got[0].bodyNull);
+    EXPECT_EQ(2ul, got[1].requestId);
+    EXPECT_EQ(9, got[1].requestType);
+    EXPECT_EQ("body", got[1].body);
+    expectRoundTrip(pair, "others still served");
+}
+
+TEST_F(FaultTest, BodyCutShortByADyingWriterIsAFailedRead) {
+    ConnectedPair pair(m_guid, 4, 48, true);
+    ASSERT_TRUE(pair.ok);
+    const std::string addr = AddressOf(m_capture, m_guid, 1);
+    struct Case {
+        uint32_t announced;
+        uint32_t connectId;
+    };
+    // 0xFFFFFFFF bytes cannot be allocated on a 32-bit target (QVIPC_E_OUTOFMEMORY); where they
+    // can, the writer's end of file ends the body (QVIPC_E_READ). Neither loops or crashes.
+    const Case cases[] = {{1000, 900003}, {0xFFFFFFFFu, 900005}};
+    size_t failures = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.announced);
+        const size_t connections = pair.serverLoop->connections().size() + 1;
+        RawClient raw(m_guid, c.connectId);
+        ASSERT_EQ(0u, raw.connect());
+        ASSERT_TRUE(pair.serverLoop->waitConnections(connections));
+        const unsigned long slot = pair.serverLoop->connections().back();
+        EXPECT_EQ(2ul, slot);  // the slot freed by the previous case is taken again
+        ASSERT_TRUE(raw.sendRaw(RequestRecord(3, 1, 0, 0, c.announced, 4) + "0123456789", true));
+        // Every failed body read so far, this case's last.
+        const auto failed = [&] {
+            std::vector<Received> found;
+            for (const Received& r : pair.serverLoop->results()) {
+                if (r.hr == QVIPC_E_READ || r.hr == QVIPC_E_OUTOFMEMORY) found.push_back(r);
+            }
+            return found;
+        };
+        ASSERT_TRUE(qvtest::WaitFor([&] { return failed().size() > failures; }, DEADLINE));
+        ++failures;
+        const Received last = pair.serverLoop->results().back();
+        EXPECT_TRUE(last.hr == QVIPC_E_READ || last.hr == QVIPC_E_OUTOFMEMORY)
+            << std::hex << last.hr;
+        EXPECT_TRUE(last.bodyNull);
+        EXPECT_EQ(4, last.requestType);
+        raw.closeAll();
+        expectRoundTrip(pair, "others still served");
+    }
+    EXPECT_EQ(
+        failures,
+        CountLines(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (" +
+                                  addr + "), read message failed 0") +
+            CountLines(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (" +
+                                      addr + "), read message failed 12"));
+}
+
+TEST_F(FaultTest, FullFifoMakesTheSendFailAfterItsTimeOut) {
+    {
+        // The server sends with a 1-second time-out to a client that never reads requests.
+        auto server = MakeServer(m_guid, 2, 48, 1);
+        auto client = MakeClient(m_guid, 48, 1);
+        ASSERT_EQ(S_OK, server->initialize());
+        ASSERT_EQ(S_OK, client->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        ASSERT_TRUE(serverLoop.waitConnections(1));
+        const unsigned long slot = serverLoop.connections()[0];
+        unsigned long id = 0;
+        const std::string chunk(16384, 'f');
+        QVRESULT hr = S_OK;
+        for (int i = 0; i < 64 && hr == S_OK; ++i) {
+            hr = server->sendRequest(slot, chunk.data(), chunk.size(), &id, 1, nullptr);
+        }
+        EXPECT_EQ(QVIPC_E_WRITE, hr);
+        const std::string addr = AddressOf(m_capture, m_guid, 1);
+        EXPECT_EQ(1u, CountLines(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::sendRequest (" +
+                                                addr + "), writev failed 11"));
+        // The other direction still works.
+        std::string body = "after the full fifo";
+        hr = QVIPC_E_NO_PIPE;
+        ASSERT_TRUE(qvtest::WaitFor(
+            [&] {
+                hr = client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
+                return hr != QVIPC_E_NO_PIPE;
+            },
+            DEADLINE));
+        EXPECT_EQ(S_OK, hr);
+        EXPECT_EQ(body, ReceiveResponse(*client, 48).body);
+        client->finalize();
+        server->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
+TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
+    auto server = MakeServer(m_guid, 4);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    RawClient raw(m_guid, 900009);
+    ASSERT_TRUE(raw.connectWithoutReader());
+    ASSERT_TRUE(WaitLine(m_capture,
+                         "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening "
+                         "m_fdsSendResponse /tmp/" +
+                             m_guid + "-svr-rsp-900009-p" + std::to_string(getpid())));
+    // The server's loop sits in the 20 seconds of open tries; finalize does not wait them out.
+    EXPECT_EQ(S_OK, server->finalize());
+    serverLoop.join();
+    EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
+    EXPECT_TRUE(serverLoop.connections().empty());
+}
+
+}  // namespace

@@ -240,15 +240,27 @@ std::string RawClient::path(const char* role) const {
 
 std::string RawClient::adminPath() const { return "/tmp/" + m_guid + "-svr-admin"; }
 
-uint32_t RawClient::connect() {
+void RawClient::makeFifos() const {
     for (const char* role : {"svr-req", "svr-rsp", "cli-req", "cli-rsp"}) {
         mknod(path(role).c_str(), S_IFIFO | 0666, 0);
     }
+}
+
+bool RawClient::writeConnect() const {
+    return WriteAdmin(m_guid,
+                      RequestRecord(1, 0, m_connectId, static_cast<uint32_t>(getpid()), 0, 0));
+}
+
+bool RawClient::connectWithoutReader() {
+    makeFifos();
+    return writeConnect();
+}
+
+uint32_t RawClient::connect() {
+    makeFifos();
     m_recvResponse = open(path("svr-rsp").c_str(), O_RDONLY | O_NONBLOCK);
     m_recvRequest = open(path("cli-req").c_str(), O_RDONLY | O_NONBLOCK);
-    const std::string record =
-        RequestRecord(1, 0, m_connectId, static_cast<uint32_t>(getpid()), 0, 0);
-    if (!WriteAdmin(m_guid, record)) return ~0u;
+    if (!writeConnect()) return ~0u;
     if (!waitReadable(m_recvResponse, DEADLINE)) return ~0u;
     char reply[68];
     if (read(m_recvResponse, reply, sizeof reply) != 68) return ~0u;
@@ -305,6 +317,14 @@ void Peer::kill() {
     m_pid = -1;
 }
 
+int Peer::wait() {
+    if (m_pid <= 0) return -1;
+    int status = 0;
+    const pid_t pid = waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 int RunPeer(const std::string& argument) {
     const size_t comma = argument.find(',');
     if (comma == std::string::npos) return 2;
@@ -333,6 +353,13 @@ int RunPeer(const std::string& argument) {
                 usleep(10000);
             }
         }
+    }
+    if (role == "exit-client") {
+        // Left undestroyed on purpose: only the process's pipe-name registry cleans up.
+        CQVIPCLibrary* client = MakeClient(guid).release();
+        if (client->initialize() != 0) return 3;
+        const Received r = ReceiveRequest(*client, 48);
+        return r.hr == QVIPC_E_NEW_CONNECTION ? 0 : 4;
     }
     return 2;
 }

@@ -123,6 +123,8 @@ public:
     // Makes the four FIFOs and the read ends, writes CONNECT and waits for the reply; on
     // success opens the write ends. Returns the reply's result word, or ~0u on time-out.
     uint32_t connect();
+    // Makes the FIFOs and writes CONNECT, but opens no read end: the server can never answer.
+    bool connectWithoutReader();
     // Writes raw bytes into the server-request FIFO; closeAfter closes the write end.
     bool sendRaw(const std::string& bytes, bool closeAfter);
     // Closes every descriptor (the server then sees end of file).
@@ -132,6 +134,8 @@ public:
 
 private:
     std::string path(const char* role) const;
+    void makeFifos() const;
+    bool writeConnect() const;
 
     std::string m_guid;
     uint32_t m_connectId;
@@ -154,13 +158,16 @@ public:
 
     pid_t pid() const { return m_pid; }
     void kill();  // SIGKILL and reap
+    int wait();   // reaps a peer that ends by itself; its exit status, -1 if it did not exit
     void stop() { kill(); }
 
 private:
     pid_t m_pid = -1;
 };
 
-// Entry of a peer process; returns its exit status. argument is "<role>,<guid>".
+// Entry of a peer process; returns its exit status. argument is "<role>,<guid>"; the roles:
+// server (an echo server for 8 clients), client (sends requests without pause), exit-client
+// (connects, then leaves main without finalize).
 int RunPeer(const std::string& argument);
 
 }  // namespace itest

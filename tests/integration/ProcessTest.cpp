@@ -1,0 +1,143 @@
+// Deaths and restarts need processes: this binary runs again as a peer (--peer=...), is killed
+// with SIGKILL, and is started again. Children are killed and reaped whatever happens.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
+#include "tests/integration/IntegrationSupport.h"
+#include "tests/support/TestSupport.h"
+
+using namespace itest;
+
+namespace {
+
+class ProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_guid = qvtest::TestGuid();
+        m_fdsBefore = qvtest::CountOpenFds();
+    }
+    void TearDown() override {
+        m_peers.clear();  // kills and reaps
+        qvtest::RemoveGuidFiles(m_guid);
+    }
+
+    Peer& startPeer(const std::string& role) {
+        m_peers.emplace_back(new Peer(role, m_guid));
+        return *m_peers.back();
+    }
+
+    ipctest::LineCapture m_capture;
+    std::string m_guid;
+    int m_fdsBefore = 0;
+    std::vector<std::unique_ptr<Peer>> m_peers;
+};
+
+// One round trip from a client once it is connected.
+void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body) {
+    unsigned long id = 0;
+    QVRESULT hr = S_OK;
+    ASSERT_TRUE(qvtest::WaitFor(
+        [&] {
+            hr = client.sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
+            return hr != QVIPC_E_NO_PIPE;
+        },
+        DEADLINE));
+    ASSERT_EQ(S_OK, hr);
+    const Received r = ReceiveResponse(client, 48);
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_EQ(id, r.requestId);
+    EXPECT_TRUE(r.body == body);
+}
+
+TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
+    {
+        auto client = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, client->initialize());
+        RequestLoop clientLoop(*client, 48, true);
+        startPeer("server");
+        ASSERT_TRUE(clientLoop.waitConnections(1));
+        ExpectRoundTrip(*client, "before");
+
+        m_peers.back()->kill();
+        ASSERT_TRUE(clientLoop.waitResult(QVIPC_E_DISCONNECTED, 1));
+        const std::string addr = AddressOf(m_capture, m_guid, 0);
+        EXPECT_EQ(1u, CountLines(m_capture,
+                                 "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (" +
+                                     addr + "), client disconnected"));
+
+        startPeer("server");
+        ASSERT_TRUE(clientLoop.waitConnections(2));
+        ExpectRoundTrip(*client, "after");
+        EXPECT_EQ(2u, CountLines(m_capture, "L/0/2 CQVIPCLibraryImpl::connectThreadFunc (" + addr +
+                                                ") - starting"));
+        client->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
+TEST_F(ProcessTest, ServerFreesTheSlotOfAKilledClientAndServesTheOthers) {
+    {
+        auto server = MakeServer(m_guid, 4);
+        ASSERT_EQ(S_OK, server->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        auto client = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, client->initialize());
+        ASSERT_TRUE(serverLoop.waitConnections(1));
+        ExpectRoundTrip(*client, "first");
+
+        // The peer sends requests without pause; it dies in the middle of that conversation.
+        Peer& peer = startPeer("client");
+        ASSERT_TRUE(serverLoop.waitConnections(2));
+        const unsigned long peerSlot = serverLoop.connections()[1];
+        ASSERT_TRUE(qvtest::WaitFor(
+            [&] {
+                size_t n = 0;
+                for (const Received& r : serverLoop.results()) {
+                    n += r.hr == S_OK && r.ipcid == peerSlot ? 1 : 0;
+                }
+                return n >= 20;
+            },
+            DEADLINE));
+        peer.kill();
+        ASSERT_TRUE(qvtest::WaitFor(
+            [&] {
+                for (const Received& r : serverLoop.results()) {
+                    if (r.ipcid == peerSlot &&
+                        (r.hr == QVIPC_E_DISCONNECTED || r.hr == QVIPC_E_READ)) {
+                        return true;
+                    }
+                }
+                return false;
+            },
+            DEADLINE));
+        ExpectRoundTrip(*client, "still served");
+
+        // The slot is free again: the next client takes it.
+        auto next = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, next->initialize());
+        ASSERT_TRUE(serverLoop.waitConnections(3));
+        EXPECT_EQ(peerSlot, serverLoop.connections()[2]);
+        ExpectRoundTrip(*next, "next");
+        next->finalize();
+        client->finalize();
+        server->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
+TEST_F(ProcessTest, FifosOfAClientAreRemovedAtProcessExit) {
+    auto server = MakeServer(m_guid, 2);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    // The peer connects, then leaves main without finalize; its registry unlinks the FIFOs.
+    Peer& peer = startPeer("exit-client");
+    ASSERT_TRUE(serverLoop.waitConnections(1));
+    EXPECT_EQ(0, peer.wait());
+    EXPECT_EQ(std::vector<std::string>{m_guid + "-svr-admin"}, GuidFiles(m_guid));
+    EXPECT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1));
+    server->finalize();
+}
+
+}  // namespace
