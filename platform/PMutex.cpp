@@ -70,8 +70,11 @@ int CPMutex::wait(unsigned long timeout, CTerminateWait* pTerminate) {
     if (blocking) {
         m_threadLock.lock();
     } else {
-        while (!m_threadLock.try_lock_for(POLL_STEP)) {
+        // try_lock and a short sleep rather than a timed lock, which the thread sanitizer's
+        // runtime does not see.
+        while (!m_threadLock.try_lock()) {
             if (giveUp()) return -1;
+            std::this_thread::sleep_for(POLL_STEP);
         }
     }
     m_fd = openLockFile();

@@ -40,7 +40,7 @@ private:
     std::string m_strPath;
     int m_fd;  // the lock file while held, else -1; written under m_threadLock
     bool m_bValid;
-    std::timed_mutex m_threadLock;  // serialises the threads of this process on one object
+    std::mutex m_threadLock;  // serialises the threads of this process on one object
 };
 
 #endif  // PLATFORM_PMUTEX_H_

@@ -3,7 +3,6 @@
 #include "platform/PSharedMemory.h"
 
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/NamedObject.h"
@@ -14,12 +13,14 @@ CPSharedMemory::CPSharedMemory(const std::string& name, unsigned long size)
     int created = 0;
     const int fd = openNamedObjectFile(sharedMemoryPath(name), &created);
     if (fd < 0) return;
-    struct stat st;
-    bool ok = fstat(fd, &st) == 0;
+    // The size by lseek rather than fstat: a 32-bit fstat fails with EOVERFLOW on a file
+    // system with 64-bit inode numbers.
+    const off_t end = lseek(fd, 0, SEEK_END);
+    bool ok = end != static_cast<off_t>(-1);
     // Only ever grown: a file shorter than the block (just created, or made by a smaller
     // block of the same name) would fault on access past its end. Growing fills with zeros
     // and leaves what is there.
-    if (ok && static_cast<unsigned long long>(st.st_size) < size) {
+    if (ok && static_cast<unsigned long long>(end) < size) {
         ok = ftruncate(fd, static_cast<off_t>(size)) == 0;
     }
     if (ok) {

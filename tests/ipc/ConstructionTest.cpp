@@ -1,3 +1,8 @@
+// 64-bit directory offsets on i686 too (see tests/support/TestSupport.cpp).
+#ifndef _FILE_OFFSET_BITS
+#define _FILE_OFFSET_BITS 64
+#endif
+
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
