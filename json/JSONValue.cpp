@@ -203,7 +203,10 @@ bool ArrayValue::MakeMap() const {
 int ArrayValue::OrdinalOf(const char* name, int length) const {
     if (name == nullptr) return 0;
     if (m_valueIndex.empty() && !MakeMap()) return -1;
-    const std::string key = length >= 0 ? std::string(name, static_cast<size_t>(length)) : name;
+    // Bytes after a NUL could not change a strcmp, so the key stops there too, and a length
+    // beyond the name's terminator reads nothing past it.
+    const std::string key =
+        length >= 0 ? std::string(name, strnlen(name, static_cast<size_t>(length))) : name;
     const OrdinalMap probe{const_cast<char*>(key.c_str()), 0};
     const OrdinalMap::Less less;
     auto it = std::lower_bound(m_valueIndex.begin(), m_valueIndex.end(), probe, less);
