@@ -18,7 +18,9 @@ extern "C" {
 // Integer functions: the decimal digits, with a leading '-' for a negative value and no
 // leading zeros; 0 gives "0". The most negative values give their exact texts,
 // "-2147483648" and "-9223372036854775808". Room needed: digits + sign + terminator, so 12
-// bytes cover any 32-bit value and 21 bytes any 64-bit value.
+// bytes cover any 32-bit value and 21 bytes any 64-bit value. LongToStr and UnsignedLongToStr
+// format 32-bit words on every target: where long is 64 bits wide they take its low 32 bits
+// (LongToStr as signed), so their texts are the same on the 32-bit and the 64-bit build.
 // - size < 1: nothing is written, the result is NULL.
 // - size >= 1 but the text does not fit: buf holds the empty text (buf[0] is NUL) and the
 //   result is NULL; a cut number would be a different number.

@@ -13,8 +13,8 @@ namespace JSON {
 namespace {
 
 // Buffer sizes of the numeric values: room for any "%g" text, any 64-bit and any 32-bit
-// decimal text with sign and terminator. long and unsigned long take the 64-bit size, as
-// they are 64 bits wide on x86-64.
+// decimal text with sign and terminator. long and unsigned long are written as 32-bit words
+// (see JSONNumbers.h), so they take the 32-bit size.
 constexpr int DOUBLE_BUFFER_SIZE = 32;
 constexpr int LONG64_BUFFER_SIZE = 28;
 constexpr int INT_BUFFER_SIZE = 14;
@@ -179,12 +179,12 @@ Serialize& Serialize::V(long long value) {
 }
 
 Serialize& Serialize::V(unsigned long value) {
-    AppendNumber<LONG64_BUFFER_SIZE>(*this, value, UnsignedLongToStr);
+    AppendNumber<INT_BUFFER_SIZE>(*this, value, UnsignedLongToStr);
     return *this;
 }
 
 Serialize& Serialize::V(long value) {
-    AppendNumber<LONG64_BUFFER_SIZE>(*this, value, LongToStr);
+    AppendNumber<INT_BUFFER_SIZE>(*this, value, LongToStr);
     return *this;
 }
 
