@@ -237,6 +237,7 @@ TEST_F(ToolTest, JsonSubcommandsOnAGoodDocument) {
     const CResult fromFile = RunTool({"json", "get", "b.2", path});
     EXPECT_EQ(0, fromFile.status);
     EXPECT_EQ("x;y\n", fromFile.out);
+    unlink(path.c_str());
 }
 
 TEST_F(ToolTest, JsonSubcommandsOnBrokenDocuments) {
