@@ -89,8 +89,4 @@ TEST(PortableTest, CreateThreadRunsDetachedWithItsNameCutToFifteenCharacters) {
     EXPECT_STREQ("QVConnect-and-a", probe.name);
 }
 
-TEST(PortableTest, CurrentProcessIdIsThePid) {
-    EXPECT_EQ(static_cast<unsigned long>(getpid()), CPortable::GetCurrentProcessId());
-}
-
 }  // namespace
