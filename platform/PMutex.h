@@ -1,5 +1,8 @@
 // CPMutex: a mutex named system-wide, shared by every process (32-bit or 64-bit) that opens the
-// same name; a holder that dies releases it. CTerminateWait lets another thread end a wait.
+// same name; a holder that dies releases it. Backed by the lock file /tmp/<name>.lock (the name
+// made file-safe by namedObjectFileName), which stays after use. Not recursive: a thread that
+// holds it must not wait on the same object again. CTerminateWait lets another thread end a
+// wait.
 #ifndef PLATFORM_PMUTEX_H_
 #define PLATFORM_PMUTEX_H_
 
@@ -31,6 +34,7 @@ public:
     // Waits at most timeout ms (0xFFFFFFFF: no limit) or until pTerminate (may be null) is
     // terminated. Returns 0 when the mutex is held, nonzero otherwise.
     int wait(unsigned long timeout, CTerminateWait* pTerminate);
+    // Called by the thread that holds the mutex (after a wait that returned 0).
     void release();
 
 private:

@@ -1,4 +1,7 @@
-// CPSharedMemory: a block of memory named system-wide, created zero-filled when absent.
+// CPSharedMemory: a block of memory named system-wide, created zero-filled when absent. Backed
+// by the file /dev/shm/<name> (the name made file-safe by namedObjectFileName), which keeps the
+// content after the last user has gone, until someone removes it. Its layout is the caller's;
+// the same bytes are seen by 32-bit and 64-bit processes.
 #ifndef PLATFORM_PSHAREDMEMORY_H_
 #define PLATFORM_PSHAREDMEMORY_H_
 
