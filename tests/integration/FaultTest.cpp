@@ -2,6 +2,8 @@
 // type, bodies cut short by a dying writer, a FIFO kept full against a send time-out. Each
 // must give its designed result, and the other clients must keep being served.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
@@ -205,6 +207,55 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     serverLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_TRUE(serverLoop.connections().empty());
+}
+
+TEST_F(FaultTest, DescriptorsBeyondFdSetSizeRefuseTheConnectUntilLowOnesAreFree) {
+    rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    if (saved.rlim_max < FD_SETSIZE + 64) GTEST_SKIP() << "descriptor limit too low";
+    rlimit raised = saved;
+    if (raised.rlim_cur < FD_SETSIZE + 64) raised.rlim_cur = FD_SETSIZE + 64;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &raised));
+    {
+        auto server = MakeServer(m_guid, 4);
+        ASSERT_EQ(S_OK, server->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        const std::string addr = AddressOf(m_capture, m_guid, 1);
+        // Every number below FD_SETSIZE taken: the server's next read ends would not fit a set.
+        std::vector<int> fillers;
+        for (int fd = dup(0); fd != -1; fd = dup(0)) {
+            if (fd >= FD_SETSIZE) {
+                close(fd);
+                break;
+            }
+            fillers.push_back(fd);
+        }
+        auto client = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, client->initialize());
+        // Connect ids: the server drew 1, the client 3.
+        EXPECT_TRUE(
+            WaitLine(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (" +
+                                    addr + "), creating /tmp/" + m_guid + "-svr-req-3-p" +
+                                    std::to_string(getpid()) + ", 24"));
+        EXPECT_TRUE(serverLoop.connections().empty());
+        for (const int fd : fillers) close(fd);
+        // The client asks again after a pause and is admitted.
+        ASSERT_TRUE(serverLoop.waitConnections(1));
+        unsigned long id = 0;
+        QVRESULT hr = S_OK;
+        ASSERT_TRUE(qvtest::WaitFor(
+            [&] {
+                hr = client->sendRequest(0, "low again", 9, &id, 1, nullptr);
+                return hr != QVIPC_E_NO_PIPE;
+            },
+            DEADLINE));
+        EXPECT_EQ(S_OK, hr);
+        EXPECT_EQ("low again", ReceiveResponse(*client, 48).body);
+        client->finalize();
+        server->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+    setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 }  // namespace
