@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <string>
 
@@ -162,6 +163,12 @@ TEST(DomValueTest, SetBuildsAndReplacesValues) {
               R"("f":false,"n":""})",
               Text(m));
     EXPECT_EQ(JSON::TypeReal, m.Set("r", 3.0).m_type);  // a double stays real without a '.'
+
+    // A real whose text starts with a letter has no JSON form: nothing is written for it.
+    JSON::Message odd;
+    odd.Set(0, HUGE_VAL);
+    odd.Set(1, 1);
+    EXPECT_EQ("[,1]", Text(odd));
 }
 
 TEST(DomValueTest, RefusedUpdatesStoreNothing) {
