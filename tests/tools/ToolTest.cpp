@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -126,6 +127,30 @@ bool IsFifo(const std::string& path) {
 bool Exists(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
+}
+
+// Waits until the server's trace log shows an echo sent to each slot: then the clients have
+// taken up their connections, and their deaths are seen by the server.
+bool WaitForEchoes(const std::string& log, const std::vector<int>& slots) {
+    return qvtest::WaitFor(
+        [&] {
+            std::ifstream in(log);
+            const std::string text((std::istreambuf_iterator<char>(in)),
+                                   std::istreambuf_iterator<char>());
+            for (int slot : slots) {
+                const std::string echo = "CQVIPCLibraryImpl::sendResponse (0x";
+                const std::string to = ", ipcid " + std::to_string(slot) + ", buf ";
+                bool found = false;
+                for (size_t at = text.find(echo); at != std::string::npos && !found;
+                     at = text.find(echo, at + 1)) {
+                    const size_t eol = text.find('\n', at);
+                    found = text.substr(at, eol - at).find(to) != std::string::npos;
+                }
+                if (!found) return false;
+            }
+            return true;
+        },
+        seconds(30));
 }
 
 // A process id that was in use a moment ago and is gone now.
@@ -379,6 +404,56 @@ TEST_F(ToolTest, ServePushesRequestsThatPingEchoes) {
     EXPECT_TRUE(serve.waitForOut("\t\"guid\":\"" + m_guid + "\",\n")) << serve.out();
     kill(serve.pid(), SIGINT);
     EXPECT_EQ(0, serve.wait());
+}
+
+// A killed client leaves its FIFOs; once the server has dropped it, sweep takes exactly those
+// and keeps the admin FIFO that the live server holds open.
+TEST_F(ToolTest, SweepRemovesTheFifosOfAKilledClient) {
+    const std::string log = "/tmp/" + m_guid + ".log";
+    CTool serve({"serve", "--guid", m_guid, "--log", log, "--trace"});
+    ASSERT_TRUE(serve.waitForOut("serving " + m_guid + "\n")) << serve.err();
+    {
+        CTool ping({"ping", "--guid", m_guid, "--clients", "2", "--count", "100000000"});
+        ASSERT_TRUE(WaitForEchoes(log, {1, 2})) << serve.out();
+        kill(ping.pid(), SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, ping.wait());
+    }
+    ASSERT_TRUE(serve.waitForOut("disconnected 1\n")) << serve.out();
+    ASSERT_TRUE(serve.waitForOut("disconnected 2\n")) << serve.out();
+    const CResult swept = RunTool({"sweep", "--guid", m_guid});
+    EXPECT_EQ(0, swept.status);
+    EXPECT_EQ(8, std::count(swept.out.begin(), swept.out.end(), '\n') - 1) << swept.out;
+    EXPECT_NE(std::string::npos, swept.out.find("\n8 removed, 1 kept\n")) << swept.out;
+    EXPECT_TRUE(IsFifo("/tmp/" + m_guid + "-svr-admin"));
+
+    kill(serve.pid(), SIGTERM);
+    EXPECT_EQ(0, serve.wait());
+    EXPECT_FALSE(Exists("/tmp/" + m_guid + "-svr-admin"));
+    unlink(log.c_str());
+}
+
+// A server killed under load: ping fails instead of waiting, and its admin FIFO is swept.
+TEST_F(ToolTest, PingFailsWhenTheServerIsKilled) {
+    const std::string log = "/tmp/" + m_guid + ".log";
+    CTool serve({"serve", "--guid", m_guid, "--log", log, "--trace"});
+    ASSERT_TRUE(serve.waitForOut("serving " + m_guid + "\n")) << serve.err();
+    CTool ping({"ping", "--guid", m_guid, "--count", "100000000"});
+    ASSERT_TRUE(WaitForEchoes(log, {1})) << serve.out();
+    kill(serve.pid(), SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, serve.wait());
+    EXPECT_EQ(1, ping.wait());
+    const std::string err = ping.err();
+    EXPECT_TRUE(err == "qvipc ping: a response is missing: the connection broke (0xC1261009)\n" ||
+                err == "qvipc ping: a request could not be sent: 0xC1261014\n")
+        << err;
+
+    const CResult swept = RunTool({"sweep", "--guid", m_guid});
+    EXPECT_EQ("removed /tmp/" + m_guid + "-svr-admin\n1 removed, 0 kept\n", swept.out);
+    // --trace added the library's trace lines to the log.
+    std::ifstream in(log);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(0u, text.find("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x")) << text.substr(0, 200);
+    unlink(log.c_str());
 }
 
 TEST_F(ToolTest, PingFailsWhenNoServerAnswers) {

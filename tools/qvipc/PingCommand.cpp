@@ -235,7 +235,9 @@ void CPingClient::sendLoop() {
                 why = m_abortReason;
             }
             char text[80];
-            snprintf(text, sizeof text, "a response is missing: 0x%08X", static_cast<unsigned>(rc));
+            snprintf(text, sizeof text, "a response is missing: %s (0x%08X)",
+                     rc == QVIPC_E_DISCONNECTED ? "the connection broke" : "receive failed",
+                     static_cast<unsigned>(rc));
             fail(why.empty() ? text : why);
             ++seq;
             break;
