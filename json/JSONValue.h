@@ -89,6 +89,11 @@ public:
     JSONValue& Set(const char* name, long value);
     JSONValue& Set(int ordinal, int value);
     JSONValue& Set(const char* name, int value);
+    // Without these an unsigned int or a long long would be ambiguous among the forms above.
+    JSONValue& Set(int ordinal, unsigned int value);
+    JSONValue& Set(const char* name, unsigned int value);
+    JSONValue& Set(int ordinal, long long value);
+    JSONValue& Set(const char* name, long long value);
 
     // Replaces the text by an owned copy of the NUL-terminated text (null: no text); the value
     // is marked owned either way.

@@ -55,6 +55,7 @@ class NumberText {
 public:
     explicit NumberText(double v) { DoubleToStr(v, m_buf, 32); }
     explicit NumberText(unsigned long long v) { UnsignedLong64ToStr(v, m_buf, 28); }
+    explicit NumberText(long long v) { Long64ToStr(v, m_buf, 28); }
     explicit NumberText(unsigned long v) { UnsignedLongToStr(v, m_buf, 14); }
     explicit NumberText(long v) { LongToStr(v, m_buf, 14); }
     explicit NumberText(int v) { IntToStr(v, m_buf, 14); }
@@ -113,6 +114,18 @@ JSONValue& JSONValue::Set(int ordinal, int value) {
     return Result(InternalUpdateByOrdinal(ordinal, NumberText(value).Get(), TypeInteger));
 }
 JSONValue& JSONValue::Set(const char* name, int value) {
+    return Result(InternalUpdateByName(name, NumberText(value).Get(), TypeInteger));
+}
+JSONValue& JSONValue::Set(int ordinal, unsigned int value) {
+    return Set(ordinal, static_cast<unsigned long>(value));
+}
+JSONValue& JSONValue::Set(const char* name, unsigned int value) {
+    return Set(name, static_cast<unsigned long>(value));
+}
+JSONValue& JSONValue::Set(int ordinal, long long value) {
+    return Result(InternalUpdateByOrdinal(ordinal, NumberText(value).Get(), TypeInteger));
+}
+JSONValue& JSONValue::Set(const char* name, long long value) {
     return Result(InternalUpdateByName(name, NumberText(value).Get(), TypeInteger));
 }
 

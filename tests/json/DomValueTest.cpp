@@ -157,11 +157,15 @@ TEST(DomValueTest, SetBuildsAndReplacesValues) {
     m.Set("u", 18446744073709551615ull);
     m.Set("l", -5L);
     m.Set("ul", 4294967295ul);
+    m.Set("ui", 7u);
+    m.Set("ll", -9223372036854775807LL - 1);
     m.Set("f", false);
     m.Set("n", static_cast<const char*>(nullptr));
-    EXPECT_EQ(R"({"o":"flat","s":null,"d":2.5,"u":18446744073709551615,"l":-5,"ul":4294967295,)"
-              R"("f":false,"n":""})",
-              Text(m));
+    EXPECT_EQ(
+        R"({"o":"flat","s":null,"d":2.5,"u":18446744073709551615,"l":-5,"ul":4294967295,"ui":7,)"
+        R"("ll":-9223372036854775808,)"
+        R"("f":false,"n":""})",
+        Text(m));
     EXPECT_EQ(JSON::TypeReal, m.Set("r", 3.0).m_type);  // a double stays real without a '.'
 
     // A real whose text starts with a letter has no JSON form: nothing is written for it.
