@@ -158,7 +158,8 @@ bool WaitLine(ipctest::LineCapture& capture, const std::string& line, size_t n) 
 std::vector<std::string> GuidFiles(const std::string& guid) {
     std::vector<std::string> files;
     if (DIR* d = opendir("/tmp")) {
-        while (dirent* e = readdir(d)) {
+        // readdir64: a 32-bit readdir stops early (EOVERFLOW) at a 64-bit inode number.
+        while (dirent64* e = readdir64(d)) {
             const std::string name = e->d_name;
             // FIFOs only: the id generator's lock file is not the transport's.
             if (name.compare(0, guid.size(), guid) == 0 &&
