@@ -77,17 +77,18 @@ public:
 
     void dump();
 
-private:
-    void addEncoded(const char* value, unsigned long size);
-    // Indexes the parameters from start to the end of the text.
-    void indexFrom(unsigned long start);
-    std::string valueAt(unsigned long i) const;
-
+    // State, readable for checks; changed only by the operations above.
     unsigned long m_headerLength;  // characters of the header including its ";"; 0 for none
     std::string m_paramList;       // the whole text
     // The characters of m_paramList for getLength; null after every change of the text.
     mutable const char* m_pText;
     std::vector<long> m_offsets;  // per parameter, where its length field begins
+
+private:
+    void addEncoded(const char* value, unsigned long size);
+    // Indexes the parameters from start to the end of the text.
+    void indexFrom(unsigned long start);
+    std::string valueAt(unsigned long i) const;
 };
 
 #endif  // QVUTILITIES_UTILITIES_CPARAMSX_H_

@@ -36,6 +36,8 @@ void ExpectWorkedValues(const CParamsX& p) {
     EXPECT_EQ(42L, p.getLongParamAt(3));
     EXPECT_EQ(12345678901ULL, p.getULONGLONGParamAt(4));
     // The length fields begin at the designed offsets, right after the 10-character header.
+    EXPECT_EQ(10ul, p.m_headerLength);
+    EXPECT_EQ((std::vector<long>{10, 24, 30, 34, 39}), p.m_offsets);
     const long offsets[] = {10, 24, 30, 34, 39};
     const long lengths[] = {10, 3, 1, 2, 11};
     for (int i = 0; i < 5; ++i) {
@@ -270,6 +272,22 @@ TEST(ParamsXTest, CopiesAreIndependent) {
     const CParamsX& alias = c;
     c = alias;  // self-assignment keeps the list
     EXPECT_EQ("a", c.getstringParamAt(0));
+}
+
+TEST(ParamsXTest, CachedTextPointerFollowsTheText) {
+    CParamsX p;
+    p.addParam(std::string("abc"));
+    EXPECT_EQ(nullptr, p.m_pText);
+    EXPECT_EQ("abc", p.getstringParamAt(0));
+    EXPECT_EQ(p.m_paramList.c_str(), p.m_pText);
+    // Growing the text may move it; the pointer is dropped and taken again.
+    p.addParam(std::string(1000, 'x'));
+    EXPECT_EQ(nullptr, p.m_pText);
+    EXPECT_EQ(std::string(1000, 'x'), p.getstringParamAt(1));
+    EXPECT_EQ(p.m_paramList.c_str(), p.m_pText);
+    CParamsX q;
+    q = p;
+    EXPECT_EQ(q.m_paramList.c_str(), q.m_pText);
 }
 
 TEST(ParamsXTest, ClearEmptiesHeaderTextAndParameters) {
