@@ -400,6 +400,13 @@ TEST_F(ToolTest, ServePushesRequestsThatPingEchoes) {
     EXPECT_EQ(1u, std::count(ping.out.begin(), ping.out.end(), '\n'));
     EXPECT_TRUE(serve.waitForOut("push 1: 25 sent, 25 echoed, 0 bad, 0 missing\n")) << serve.out();
 
+    // A second server on the same service is refused while the first holds its admin FIFO.
+    const CResult second = RunTool({"serve", "--guid", m_guid});
+    EXPECT_EQ(1, second.status);
+    EXPECT_EQ("qvipc serve: the service " + m_guid + " already has a server (/tmp/" + m_guid +
+                  "-svr-admin is held open)\n",
+              second.err);
+
     kill(serve.pid(), SIGUSR1);
     EXPECT_TRUE(serve.waitForOut("\t\"guid\":\"" + m_guid + "\",\n")) << serve.out();
     kill(serve.pid(), SIGINT);

@@ -407,6 +407,14 @@ int RunServe(int argc, char** argv, int first) {
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    // Two servers on one admin FIFO would take each other's connect records.
+    const std::string service = ServiceGuid(guid);
+    const std::string admin = AdminFifoPath(service);
+    if (access(admin.c_str(), F_OK) == 0 && !FifoUnused(admin)) {
+        return opts.fail("the service " + service + " already has a server (" + admin +
+                         " is held open)");
+    }
+
     std::unique_ptr<CQVIPCLibrary> endpoint;
     try {
         endpoint.reset(new CQVIPCLibrary(
@@ -424,7 +432,6 @@ int RunServe(int argc, char** argv, int first) {
         endpoint->finalize();
         return opts.fail(std::string("cannot start the server: ") + code);
     }
-    const std::string service = ServiceGuid(guid);
     OutLine("serving %s", service.c_str());
 
     CEchoServer server(*endpoint, static_cast<unsigned long>(extSize), static_cast<uint32_t>(push));
@@ -455,7 +462,6 @@ int RunServe(int argc, char** argv, int first) {
     endpoint.reset();
     // The library never removes the admin FIFO; a server that stops takes its rendezvous
     // with it unless another process still uses it.
-    const std::string admin = AdminFifoPath(service);
     if (FifoUnused(admin)) unlink(admin.c_str());
     return EXIT_OK;
 }
