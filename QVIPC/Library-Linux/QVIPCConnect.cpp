@@ -95,41 +95,74 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
     m_connectThreadRunning.store(0);
 }
 
-bool CQVIPCLibraryImpl::makeClientReadEnds() {
-    struct ReadEnd {
-        int* pEntry;
-        std::string path;
-        const char* name;
-    };
-    const ReadEnd ends[2] = {
-        {&m_fdsRecvResponse[REQUEST_PIPE], pipenameServerResponse(m_strConnectId, m_strPid),
-         "m_fdsRecvResponse"},
-        {&m_fdsRecvRequest[REQUEST_PIPE], pipenameClientRequest(m_strConnectId, m_strPid),
-         "m_fdsRecvRequest"},
-    };
-    for (const ReadEnd& end : ends) {
-        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating %s %s", end.name, end.path.c_str());
-        int fd = open(end.path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
-        if (fd == -1) {
-            qvLogError(
-                "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
-                end.path.c_str(), errno);
-            return false;
-        }
-        clearO_NONBLOCK(fd);
-        // The new read end takes the number of the old one in one step: a receive thread that
-        // holds that number keeps reading the same FIFO, and never a closed or reused number.
-        const int old = loadFd(*end.pEntry);
-        if (old != -1 && dup2(fd, old) == old) {
-            close(fd);
-            fd = old;
-        } else {
-            if (old != -1) closeFd(*end.pEntry);
-            storeFd(*end.pEntry, fd);
-        }
-        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened %s[REQUEST_PIPE] %d", end.name, fd);
+// Opens a read end anew and puts it in place of the entry's old number in one step: a receive
+// thread that holds that number keeps reading the same FIFO, never a closed or reused number.
+// Returns the descriptor, or -1 (logged) when the FIFO cannot be opened.
+int CQVIPCLibraryImpl::replaceClientReadEnd(const std::string& path, int* pEntry) {
+    int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    if (fd == -1) {
+        qvLogError(
+            "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
+            path.c_str(), errno);
+        return -1;
     }
+    clearO_NONBLOCK(fd);
+    const int old = loadFd(*pEntry);
+    if (old != -1 && dup2(fd, old) == old) {
+        close(fd);
+        return old;
+    }
+    if (old != -1) closeFd(*pEntry);
+    storeFd(*pEntry, fd);
+    return fd;
+}
+
+bool CQVIPCLibraryImpl::makeClientReadEnds() {
+    const std::string rspPath = pipenameServerResponse(m_strConnectId, m_strPid);
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvResponse %s", rspPath.c_str());
+    int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
+    if (fd == -1) return false;
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvResponse[REQUEST_PIPE] %d", fd);
+
+    const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvRequest %s", reqPath.c_str());
+    fd = replaceClientReadEnd(reqPath, &m_fdsRecvRequest[REQUEST_PIPE]);
+    if (fd == -1) return false;
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvRequest[REQUEST_PIPE] %d", fd);
     return true;
+}
+
+// Up to 20 tries, 1 second apart. Always opened non-blocking, then made blocking when there is
+// no send time-out: a plain blocking open would wait for ever for a server that died after its
+// reply. Returns the descriptor, or -1 with *pResult set.
+int CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool requestFifo,
+                                          QVRESULT* pResult) {
+    for (int tries = 1;; ++tries) {
+        if (requestFifo) {
+            qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendRequest %s",
+                    path.c_str());
+        } else {
+            qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendResponse %s",
+                    path.c_str());
+        }
+        const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        if (fd != -1) {
+            if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
+            return fd;
+        }
+        if (m_shutdown.load() != 0) {
+            *pResult = QVIPC_E_SHUTDOWN;
+            return -1;
+        }
+        if (tries >= OPEN_WRITE_END_TRIES) {
+            *pResult = QVIPC_E_OPEN_TIMEOUT;
+            return -1;
+        }
+        if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) {
+            *pResult = QVIPC_E_SHUTDOWN;
+            return -1;
+        }
+    }
 }
 
 QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
@@ -181,34 +214,14 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     }
     if (hr != S_OK) return hr;
 
-    struct WriteEnd {
-        int* pEntry;
-        std::string path;
-        const char* name;
-    };
-    const WriteEnd ends[2] = {
-        {&m_fdsSendRequest[REQUEST_PIPE], pipenameServerRequest(m_strConnectId, m_strPid),
-         "m_fdsSendRequest"},
-        {&m_fdsSendResponse[REQUEST_PIPE], pipenameClientResponse(m_strConnectId, m_strPid),
-         "m_fdsSendResponse"},
-    };
-    for (const WriteEnd& end : ends) {
-        int fd = -1;
-        for (int tries = 0; fd == -1; ++tries) {
-            qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening %s %s", end.name,
-                    end.path.c_str());
-            // Always opened non-blocking, then made blocking when there is no send time-out:
-            // a plain blocking open would wait for ever for a server that died after its reply.
-            fd = open(end.path.c_str(), O_WRONLY | O_NONBLOCK);
-            if (fd != -1) break;
-            if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
-            if (tries + 1 >= OPEN_WRITE_END_TRIES) return QVIPC_E_OPEN_TIMEOUT;
-            if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
-        }
-        if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
-        storeFd(*end.pEntry, fd);
-        qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened %s[REQUEST_PIPE] %d", end.name, fd);
-    }
+    int fd = openClientWriteEnd(pipenameServerRequest(m_strConnectId, m_strPid), true, &hr);
+    if (fd == -1) return hr;
+    storeFd(m_fdsSendRequest[REQUEST_PIPE], fd);
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendRequest[REQUEST_PIPE] %d", fd);
+    fd = openClientWriteEnd(pipenameClientResponse(m_strConnectId, m_strPid), false, &hr);
+    if (fd == -1) return hr;
+    storeFd(m_fdsSendResponse[REQUEST_PIPE], fd);
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendResponse[REQUEST_PIPE] %d", fd);
 
     close(*pFdSendAdmin);
     *pFdSendAdmin = -1;

@@ -114,6 +114,8 @@ public:
     // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
     // publishing the connection.
     bool makeClientReadEnds();
+    int replaceClientReadEnd(const std::string& path, int* pEntry);
+    int openClientWriteEnd(const std::string& path, bool requestFifo, QVRESULT* pResult);
     QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
     void failedConnectAttempt(int* pFdSendAdmin);
     void publishConnection();

@@ -119,29 +119,43 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
             }
         }
     } else {
-        struct ClientFifo {
+        // The four FIFOs of the client's own connection. A failed mknod ends start-up with the
+        // code of that FIFO; those made before stay, and stay registered.
+        for (int i = 0; i < 4 && hr == S_OK; ++i) {
             std::string path;
-            const char* name;
-            QVRESULT failure;
-        };
-        const ClientFifo fifos[4] = {
-            {pipenameServerRequest(m_strConnectId, m_strPid), "serverRequest", QVIPC_E_MKNOD},
-            {pipenameServerResponse(m_strConnectId, m_strPid), "serverResponse",
-             QVIPC_E_CREATE_PIPE},
-            {pipenameClientRequest(m_strConnectId, m_strPid), "clientRequest", QVIPC_E_CREATE_PIPE},
-            {pipenameClientResponse(m_strConnectId, m_strPid), "clientResponse", QVIPC_E_MKNOD},
-        };
-        for (const ClientFifo& fifo : fifos) {
-            qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod %s %s", addr, fifo.name,
-                    fifo.path.c_str());
-            err = makeFifo(fifo.path);
+            QVRESULT failure = QVIPC_E_MKNOD;
+            switch (i) {
+                case 0:
+                    path = pipenameServerRequest(m_strConnectId, m_strPid);
+                    qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod serverRequest %s", addr,
+                            path.c_str());
+                    break;
+                case 1:
+                    path = pipenameServerResponse(m_strConnectId, m_strPid);
+                    qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod serverResponse %s", addr,
+                            path.c_str());
+                    failure = QVIPC_E_CREATE_PIPE;
+                    break;
+                case 2:
+                    path = pipenameClientRequest(m_strConnectId, m_strPid);
+                    qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod clientRequest %s", addr,
+                            path.c_str());
+                    failure = QVIPC_E_CREATE_PIPE;
+                    break;
+                default:
+                    path = pipenameClientResponse(m_strConnectId, m_strPid);
+                    qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, mknod clientResponse %s", addr,
+                            path.c_str());
+                    break;
+            }
+            err = makeFifo(path);
             if (err != 0) {
                 qvLogError("(Error) CQVIPCLibraryImpl::initialize, can't mknod fifo %s, errno %d",
-                           fifo.path.c_str(), err);
-                hr = fifo.failure;
-                break;
+                           path.c_str(), err);
+                hr = failure;
+            } else {
+                g_pipenameRegistry.add(path);
             }
-            g_pipenameRegistry.add(fifo.path);
         }
         if (hr == S_OK) {
             m_initialized.store(1);
