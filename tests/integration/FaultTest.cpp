@@ -83,6 +83,28 @@ TEST_F(FaultTest, AdminFifoGarbageIsReportedAndTheServerGoesOn) {
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
 }
 
+TEST_F(FaultTest, DisconnectRecordFreesTheSlotOfItsConnectId) {
+    ConnectedPair pair(m_guid, 4, 48, true);
+    ASSERT_TRUE(pair.ok);
+    RawClient raw(m_guid, 900011);
+    ASSERT_EQ(0u, raw.connect());
+    ASSERT_TRUE(pair.serverLoop->waitConnections(2));
+    EXPECT_EQ(2ul, pair.serverLoop->connections()[1]);
+    const std::string pid = std::to_string(getpid());
+    ASSERT_TRUE(
+        WriteAdmin(m_guid, RequestRecord(2, 0, 900011, static_cast<uint32_t>(getpid()), 0, 1)));
+    EXPECT_TRUE(WaitLine(m_capture, "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe (" +
+                                        AddressOf(m_capture, m_guid, 1) +
+                                        ") - QVIPC_REQUEST_DISCONNECT, pid " + pid +
+                                        ", connect id 900011, fd id 2"));
+    // The freed slot goes to the next client; the disconnect itself is not reported.
+    RawClient next(m_guid, 900013);
+    ASSERT_EQ(0u, next.connect());
+    ASSERT_TRUE(pair.serverLoop->waitConnections(3));
+    EXPECT_EQ(2ul, pair.serverLoop->connections()[2]);
+    expectRoundTrip(pair, "others still served");
+}
+
 TEST_F(FaultTest, HeaderOfUnknownTypeYieldsAnEmptyResultAndItsBodyIsNotRead) {
     ConnectedPair pair(m_guid, 4, 48, true);
     ASSERT_TRUE(pair.ok);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <map>
+#include <thread>
 
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "tests/integration/IntegrationSupport.h"
@@ -82,6 +83,39 @@ TEST_F(TransportTest, RequestsAndResponsesTravelBothWaysByteForByte) {
     clientLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_EQ(QVIPC_E_SHUTDOWN, clientLoop.results().back().hr);
+}
+
+TEST_F(TransportTest, BlockedResponseReceiverTakesInAClientThatConnectsLater) {
+    auto server = MakeServer(m_guid, 2);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    Received response;
+    std::thread responses([&] { response = ReceiveResponse(*server, 48); });
+    const std::string addr = AddressOf(m_capture, m_guid, 1);
+    ASSERT_TRUE(
+        WaitLine(m_capture, "T/16/2 CQVIPCLibraryImpl::receiveResponseServer (" + addr + ")"));
+    // The receiver sits in select() without the new client's FIFO; the internal pipe wakes it.
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client, 48, true);
+    ASSERT_TRUE(serverLoop.waitConnections(1));
+    ASSERT_TRUE(clientLoop.waitConnections(1));
+    unsigned long id = 0;
+    ASSERT_EQ(S_OK, server->sendRequest(1, "late", 4, &id, 3, nullptr));
+    responses.join();
+    EXPECT_EQ(S_OK, response.hr);
+    EXPECT_EQ(1ul, response.ipcid);
+    EXPECT_EQ(id, response.requestId);
+    EXPECT_EQ("late", response.body);
+    const std::string adminPipe =
+        "T/16/2 CQVIPCLibraryImpl::receiveResponseServer " + addr + " ADMINPIPE, fdmax ";
+    size_t wakeUps = 0;
+    for (const std::string& line : m_capture.lines()) {
+        wakeUps += line.compare(0, adminPipe.size(), adminPipe) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(1u, wakeUps);
+    client->finalize();
+    server->finalize();
 }
 
 TEST_F(TransportTest, ExtensionSizeLimitsWhatTravels) {
