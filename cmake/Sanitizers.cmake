@@ -16,3 +16,9 @@ if(_qvipc_san_flags)
     add_compile_options(${_qvipc_san_flags})
     add_link_options(${_qvipc_san_flags})
 endif()
+
+# In fuzzing builds the library's own code carries libFuzzer's coverage hooks, not just the
+# harnesses, or the fuzzer sees only the harness's branches.
+if(QVIPC_BUILD_FUZZERS)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
