@@ -15,11 +15,13 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "QVIPC/QVIPCLibrary/QVIPCLibrary.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -442,10 +444,12 @@ TEST_F(ToolTest, SweepRemovesTheFifosOfAKilledClient) {
 // A server killed under load: ping fails instead of waiting, and its admin FIFO is swept.
 TEST_F(ToolTest, PingFailsWhenTheServerIsKilled) {
     const std::string log = "/tmp/" + m_guid + ".log";
-    CTool serve({"serve", "--guid", m_guid, "--log", log, "--trace"});
+    CTool serve({"serve", "--guid", m_guid, "--log", log, "--trace", "--dump-every", "0.2"});
     ASSERT_TRUE(serve.waitForOut("serving " + m_guid + "\n")) << serve.err();
     CTool ping({"ping", "--guid", m_guid, "--count", "100000000"});
     ASSERT_TRUE(WaitForEchoes(log, {1})) << serve.out();
+    // The timed dump shows the client's connection.
+    EXPECT_TRUE(serve.waitForOut("-svr-req-")) << serve.out();
     kill(serve.pid(), SIGKILL);
     EXPECT_EQ(128 + SIGKILL, serve.wait());
     EXPECT_EQ(1, ping.wait());
@@ -461,6 +465,31 @@ TEST_F(ToolTest, PingFailsWhenTheServerIsKilled) {
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_EQ(0u, text.find("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x")) << text.substr(0, 200);
     unlink(log.c_str());
+}
+
+// A server in this process that answers every request with its first byte changed.
+TEST_F(ToolTest, PingFailsWhenAResponseDiffers) {
+    CQVIPCLibrary server("corrupting echo", m_guid, 1, 4, 0, QVIPC_NO_TIMEOUT);
+    ASSERT_EQ(S_OK, server.initialize());
+    std::thread echo([&server] {
+        for (;;) {
+            unsigned long slot = 0, id = 0, len = 0;
+            char* body = nullptr;
+            int type = 0;
+            const QVRESULT rc = server.receiveRequest(&slot, &id, &body, &len, &type, nullptr);
+            std::unique_ptr<char[]> owned(body);
+            if (rc == QVIPC_E_SHUTDOWN) return;
+            if (rc != S_OK) continue;
+            if (len != 0) body[0] = static_cast<char>(body[0] ^ 1);
+            server.sendResponse(slot, id, body, len, nullptr);
+        }
+    });
+    const CResult r = RunTool({"ping", "--guid", m_guid, "--count", "3", "--size", "10"});
+    server.finalize();
+    echo.join();
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("qvipc ping: a response differs from its request\n", r.err);
+    EXPECT_EQ(0u, r.out.find("round trips: 0 (1 clients), failures: 3\n")) << r.out;
 }
 
 TEST_F(ToolTest, PingFailsWhenNoServerAnswers) {
