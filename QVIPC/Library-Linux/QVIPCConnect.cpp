@@ -88,6 +88,7 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
             // asked again after a pause rather than in a tight loop.
             if (refused && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
         }
+        if (m_connected.load() == 0 && m_shutdown.load() == 0) releaseClientReadEnds();
     }
 
     qvLogNotice("CQVIPCLibraryImpl::connectThreadFunc (0x%08X) - stopping", addr);
@@ -130,6 +131,20 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     if (fd == -1) return false;
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvRequest[REQUEST_PIPE] %d", fd);
     return true;
+}
+
+// A connect thread that ends without a connection (refused for too many clients, or a read end
+// not made) leaves slot 1 closed. Not while a request reader is inside its call: it may be
+// reading the request read end, so both stay, to be replaced by the next attempt or closed by
+// finalize. The response reader never reads while the client is not connected.
+void CQVIPCLibraryImpl::releaseClientReadEnds() {
+    const int request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+    if (request != -1 && m_inReceiveRequest.load() != 0) {
+        storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
+        return;
+    }
+    if (request != -1) close(request);
+    closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
 }
 
 // Up to 20 tries, 1 second apart. Always opened non-blocking, then made blocking when there is

@@ -115,6 +115,7 @@ public:
     // publishing the connection.
     bool makeClientReadEnds();
     int replaceClientReadEnd(const std::string& path, int* pEntry);
+    void releaseClientReadEnds();
     int openClientWriteEnd(const std::string& path, bool requestFifo, QVRESULT* pResult);
     QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
     void failedConnectAttempt(int* pFdSendAdmin);

@@ -27,6 +27,8 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     ASSERT_TRUE(pair.ok);
     auto refused = MakeClient(m_guid);
     ASSERT_EQ(S_OK, refused->initialize());
+    // Its request reader keeps the read ends, through which the reconnect command reaches it.
+    RequestLoop refusedLoop(*refused, 48, true);
     const std::string addr = AddressOf(m_capture, m_guid, 0, true);
     const std::string tooMany = "L/0/64 (Error) CQVIPCLibraryImpl::connectThreadFunc (" + addr +
                                 "), server has too many clients";

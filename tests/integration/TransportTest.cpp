@@ -157,18 +157,10 @@ TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
     std::sort(slots.begin(), slots.end());
     for (unsigned long i = 0; i < 63; ++i) EXPECT_EQ(i + 1, slots[i]);
 
-    auto refused = MakeClient(m_guid, 0);
-    ASSERT_EQ(S_OK, refused->initialize());
-    const std::string addr = AddressOf(m_capture, m_guid, 0, true);
-    EXPECT_TRUE(WaitLine(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::connectThreadFunc (" + addr +
-                                        "), server has too many clients"));
-    unsigned long id = 0;
-    EXPECT_EQ(QVIPC_E_NO_PIPE, refused->sendRequest(0, "x", 1, &id, 1, nullptr));
-    EXPECT_EQ(63u, serverLoop.connections().size());
-
     // Every connected client is served, once its connect thread has published.
     for (auto& c : clients) {
         QVRESULT hr = 0;
+        unsigned long id = 0;
         ASSERT_TRUE(qvtest::WaitFor(
             [&] {
                 hr = c->sendRequest(0, "ping", 4, &id, 1, nullptr);
@@ -180,6 +172,21 @@ TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
         EXPECT_EQ(S_OK, r.hr);
         EXPECT_EQ("ping", r.body);
     }
+    auto refused = MakeClient(m_guid, 0);
+    const int fdsOfRefused = qvtest::CountOpenFds();
+    ASSERT_EQ(S_OK, refused->initialize());
+    const std::string addr = AddressOf(m_capture, m_guid, 0, true);
+    EXPECT_TRUE(WaitLine(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::connectThreadFunc (" + addr +
+                                        "), server has too many clients"));
+    EXPECT_TRUE(WaitLine(m_capture,
+                         "L/0/2 CQVIPCLibraryImpl::connectThreadFunc (" + addr + ") - stopping"));
+    // Its thread ended and gave every descriptor of slot 1 up (the server closes its reply
+    // descriptor right after the reply).
+    EXPECT_TRUE(qvtest::WaitFor([&] { return qvtest::CountOpenFds() == fdsOfRefused; }, DEADLINE));
+    unsigned long id = 0;
+    EXPECT_EQ(QVIPC_E_NO_PIPE, refused->sendRequest(0, "x", 1, &id, 1, nullptr));
+    EXPECT_EQ(63u, serverLoop.connections().size());
+
     refused->finalize();
     for (auto& c : clients) c->finalize();
     server->finalize();
