@@ -67,6 +67,9 @@ bool RawReadRequest(int fd, uint32_t* id, int32_t* op, std::unique_ptr<char[]>* 
     *id = Get32(header, 4);
     *len = Get32(header, 16);
     *op = static_cast<int32_t>(Get32(header, 20));
+    // The previous body goes first, as a caller of the library frees each body before the next
+    // receive: allocating before freeing would fault fresh pages in for every large body.
+    body->reset();
     body->reset(*len != 0 ? new char[*len] : nullptr);
     return *len == 0 || ReadFull(fd, body->get(), *len);
 }
@@ -274,6 +277,9 @@ bool RawReadResponse(int fd, std::unique_ptr<char[]>* body, uint32_t* len) {
     unsigned char header[RESPONSE_HEADER];
     if (!ReadFull(fd, header, sizeof header)) return false;
     *len = Get32(header, 16);
+    // The previous body goes first, as a caller of the library frees each body before the next
+    // receive: allocating before freeing would fault fresh pages in for every large body.
+    body->reset();
     body->reset(*len != 0 ? new char[*len] : nullptr);
     return *len == 0 || ReadFull(fd, body->get(), *len);
 }
