@@ -108,6 +108,8 @@ private:
     void onDisconnected(unsigned long slot);
     // Drops the connections the dump no longer shows. Caller holds m_mutex.
     void pruneLocked(const std::vector<CLiveConnection>& live);
+    // Reports slot disconnected and closes its push, if it is known. Caller holds m_mutex.
+    void dropLocked(unsigned long slot);
     void pushTo(std::shared_ptr<CPushState> state);
     void onPushResponse(unsigned long slot, unsigned long id, const char* body, unsigned long len,
                         const char* ext);
@@ -151,24 +153,27 @@ void CEchoServer::requestLoop() {
     }
 }
 
-void CEchoServer::pruneLocked(const std::vector<CLiveConnection>& live) {
-    for (auto it = m_slots.begin(); it != m_slots.end();) {
-        const bool present = std::any_of(live.begin(), live.end(), [&](const CLiveConnection& c) {
-            return c.name == it->second;
-        });
-        if (present) {
-            ++it;
-            continue;
-        }
-        const unsigned long slot = it->first;
-        it = m_slots.erase(it);
-        OutLine("disconnected %lu", slot);
-        const auto push = m_pushes.find(slot);
-        if (push != m_pushes.end()) {
-            reportLocked(*push->second, true);
-            m_pushes.erase(push);
-        }
+void CEchoServer::dropLocked(unsigned long slot) {
+    if (m_slots.erase(slot) == 0) return;  // already noticed
+    OutLine("disconnected %lu", slot);
+    const auto push = m_pushes.find(slot);
+    if (push != m_pushes.end()) {
+        reportLocked(*push->second, true);
+        m_pushes.erase(push);
     }
+}
+
+void CEchoServer::pruneLocked(const std::vector<CLiveConnection>& live) {
+    std::vector<unsigned long> gone;
+    for (const auto& known : m_slots) {
+        // A connection whose name could not be found is left to the receive loop's report.
+        if (known.second.empty()) continue;
+        const bool present = std::any_of(live.begin(), live.end(), [&](const CLiveConnection& c) {
+            return c.name == known.second;
+        });
+        if (!present) gone.push_back(known.first);
+    }
+    for (unsigned long slot : gone) dropLocked(slot);
 }
 
 // The dump lists the connections in use in slot order, without their slot numbers. The new
@@ -180,10 +185,7 @@ void CEchoServer::onConnected(unsigned long slot) {
     std::shared_ptr<CPushState> push;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_slots.count(slot) != 0) {
-            m_slots.erase(slot);
-            OutLine("disconnected %lu", slot);
-        }
+        dropLocked(slot);  // a slot reported again has lost its old client
         pruneLocked(live);
         auto consistent = [&](const std::map<unsigned long, std::string>& known,
                               long* pid) -> bool {
@@ -208,9 +210,7 @@ void CEchoServer::onConnected(unsigned long slot) {
             without.erase(it->first);
             if (consistent(without, &pid)) {
                 found = true;
-                const unsigned long gone = it->first;
-                m_slots.erase(gone);
-                OutLine("disconnected %lu", gone);
+                dropLocked(it->first);
                 break;
             }
         }
@@ -224,9 +224,24 @@ void CEchoServer::onConnected(unsigned long slot) {
             m_slots[slot] = live[rank].name;
             OutLine("connected %lu pid %ld", slot, pid);
         } else {
-            // Not expected; the slot is still served, only its process is unknown.
-            m_slots[slot] = std::string();
-            OutLine("connected %lu pid ?", slot);
+            // Not expected: the slot is served all the same, with its process unknown unless
+            // exactly one connection in the dump is new.
+            std::vector<const CLiveConnection*> fresh;
+            for (const CLiveConnection& c : live) {
+                const bool known =
+                    std::any_of(m_slots.begin(), m_slots.end(),
+                                [&](const std::pair<const unsigned long, std::string>& k) {
+                                    return k.second == c.name;
+                                });
+                if (!known) fresh.push_back(&c);
+            }
+            if (fresh.size() == 1) {
+                m_slots[slot] = fresh[0]->name;
+                OutLine("connected %lu pid %ld", slot, fresh[0]->pid);
+            } else {
+                m_slots[slot] = std::string();
+                OutLine("connected %lu pid ?", slot);
+            }
         }
         if (m_push != 0 && !m_stopping.load()) {
             push = std::make_shared<CPushState>();
@@ -243,13 +258,7 @@ void CEchoServer::onConnected(unsigned long slot) {
 
 void CEchoServer::onDisconnected(unsigned long slot) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_slots.erase(slot) == 0) return;  // already noticed
-    OutLine("disconnected %lu", slot);
-    const auto push = m_pushes.find(slot);
-    if (push != m_pushes.end()) {
-        reportLocked(*push->second, true);
-        m_pushes.erase(push);
-    }
+    dropLocked(slot);
 }
 
 void CEchoServer::checkConnections() {
