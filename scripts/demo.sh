@@ -20,6 +20,8 @@ cleanup() {
         wait "$server" 2>/dev/null || true
     fi
     rm -f "$log"
+    # The guid was made for this run: its lock file and shared-memory counter go too.
+    rm -f /tmp/"$guid"-*.lock /dev/shm/*"$guid"* 2>/dev/null || true
 }
 trap cleanup EXIT
 
