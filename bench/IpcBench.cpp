@@ -113,12 +113,13 @@ public:
 class CRawSession : public CSession {
 public:
     // pipeSize 0 keeps the kernel's default FIFO size.
-    static CSession* Fifo(int pipeSize) {
+    static CSession* Fifo(int pipeSize, bool libraryCalls = false) {
         std::unique_ptr<CRawSession> s(new CRawSession);
         const std::string req = "/tmp/" + s->m_guid + "-req";
         const std::string rsp = "/tmp/" + s->m_guid + "-rsp";
         if (mkfifo(req.c_str(), 0600) != 0 || mkfifo(rsp.c_str(), 0600) != 0) return nullptr;
-        s->m_pid = SpawnSelf({"--peer", "fifo-echo", req, rsp}, {});
+        s->m_pid = SpawnSelf(
+            {"--peer", "fifo-echo", req, rsp, libraryCalls ? "library-calls" : "plain"}, {});
         s->m_wfd = open(req.c_str(), O_WRONLY | O_CLOEXEC);
         s->m_rfd = open(rsp.c_str(), O_RDONLY | O_CLOEXEC);
         if (s->m_wfd < 0 || s->m_rfd < 0) return nullptr;
@@ -319,6 +320,9 @@ std::vector<Transport> Transports(bool streaming) {
         {"qvipc", [] { return CQvSession::Make(); }},
         {"fifo", [] { return CRawSession::Fifo(0); }},
         {"fifo_1MiB_pipe", [] { return CRawSession::Fifo(PIPE_SIZE_LARGE); }},
+        // Not a competitor: the raw FIFO server making the library's extra system calls, to
+        // show how much of the gap to the raw FIFO they explain.
+        {"fifo_library_calls", [] { return CRawSession::Fifo(0, true); }},
         {"unix_socket", [] { return CRawSession::UnixSocket(); }},
     };
 #ifdef QVBENCH_HAVE_ZMQ

@@ -27,8 +27,9 @@ enum Op : int32_t {
 bool RawSendRequest(int fd, uint32_t id, int32_t op, const char* body, uint32_t len);
 // Reads one response into a new[] buffer of exactly its body size, as the transport does.
 bool RawReadResponse(int fd, std::unique_ptr<char[]>* body, uint32_t* len);
-// Serves requests from rfd, answering on wfd, until OP_STOP or end of file.
-void RawServe(int rfd, int wfd);
+// Serves requests from rfd, answering on wfd, until OP_STOP or end of file. libraryCalls adds
+// the system calls that the library's server makes per message beyond the reads and the write.
+void RawServe(int rfd, int wfd, bool libraryCalls);
 
 // Entry of a child started with "--peer MODE ARGS..."; returns the exit status.
 int RunPeer(int argc, char** argv);

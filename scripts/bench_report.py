@@ -78,7 +78,7 @@ def size_name(n):
 
 def ipc_tables(r, targets):
     out = []
-    rt_kinds = ["qvipc", "fifo", "fifo_1MiB_pipe", "unix_socket", "zmq"]
+    rt_kinds = ["qvipc", "fifo", "fifo_1MiB_pipe", "fifo_library_calls", "unix_socket", "zmq"]
     sizes = ["0", "100", "4096", "65536", "1048576"]
     kinds = [k for k in rt_kinds if any("RoundTrip/%s/%s" % (k, s) in r for s in sizes)]
     if kinds:
