@@ -43,12 +43,24 @@ cmake --build "$build" --target qvipc_bench_json qvipc_bench_ipc -j "$(nproc)"
 echo "== load: $(uptime)"
 common=(--benchmark_min_time="$min_time" --benchmark_repetitions="$reps"
         --benchmark_report_aggregates_only=true --benchmark_filter="$filter")
+# Service files of runs that died (the name carries the benchmark's pid) would stay in /tmp.
+sweep() {
+    for f in /tmp/*qvbench-* /dev/shm/*qvbench-*; do
+        [ -e "$f" ] || continue
+        pid=$(basename "$f" | sed -n 's/.*qvbench-\([0-9]*\)-.*/\1/p')
+        [ -n "$pid" ] && ! kill -0 "$pid" 2>/dev/null && rm -f "$f"
+    done
+    return 0
+}
+status=0
 echo "== JSON benchmarks ($data)"
-"$build/bench/qvipc_bench_json" --data="$data" "${common[@]}" \
-    --benchmark_out="$build/json.json" --benchmark_out_format=json
+timeout 1200 "$build/bench/qvipc_bench_json" --data="$data" "${common[@]}" \
+    --benchmark_out="$build/json.json" --benchmark_out_format=json || status=1
 echo "== IPC benchmarks"
-"$build/bench/qvipc_bench_ipc" "${common[@]}" \
-    --benchmark_out="$build/ipc.json" --benchmark_out_format=json
+timeout 1200 "$build/bench/qvipc_bench_ipc" "${common[@]}" \
+    --benchmark_out="$build/ipc.json" --benchmark_out_format=json || status=1
+sweep
 echo "== load: $(uptime)"
 
 python3 scripts/bench_report.py "$build/json.json" "$build/ipc.json" | tee "$build/tables.md"
+exit "$status"
