@@ -203,6 +203,16 @@ inline int loadFd(const int& entry) { return __atomic_load_n(&entry, __ATOMIC_SE
 inline void storeFd(int& entry, int fd) { __atomic_store_n(&entry, fd, __ATOMIC_SEQ_CST); }
 inline int takeFd(int& entry) { return __atomic_exchange_n(&entry, -1, __ATOMIC_SEQ_CST); }
 
+// The per-slot words (peer connect id and pid) and the request id counter are read by the dump
+// and written by senders, the admin handling and the connect thread on other threads: they are
+// loaded and stored atomically too, and the members keep their designed unsigned long type.
+inline unsigned long loadWord(const unsigned long& word) {
+    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
+}
+inline void storeWord(unsigned long& word, unsigned long value) {
+    __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
+}
+
 // Closes the descriptor an entry holds, if any, and marks the entry closed; safe to repeat.
 inline void closeFd(int& entry) {
     const int fd = takeFd(entry);

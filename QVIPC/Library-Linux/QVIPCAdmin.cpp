@@ -220,8 +220,8 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     m_requestPipeSeen[fdId] = 1;
     storeFd(m_fdsSendResponse[fdId], replyFd);
     m_connectIdMap[connectId] = fdId;
-    m_slotConnectId[fdId] = connectId;
-    m_slotPid[fdId] = pid;
+    storeWord(m_slotConnectId[fdId], connectId);
+    storeWord(m_slotPid[fdId], pid);
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
         m_lastConnectAttempt[fdId] = 0;
@@ -263,8 +263,8 @@ QVRESULT CQVIPCLibraryImpl::adminDisconnect(uint32_t connectId, uint32_t pid) {
     closeServerSlot(slot);
     m_connectIdMap.erase(it);
     wakeResponseReceiver();
-    m_slotConnectId[slot] = 0;
-    m_slotPid[slot] = 0;
+    storeWord(m_slotConnectId[slot], 0);
+    storeWord(m_slotPid[slot], 0);
     return S_OK;
 }
 

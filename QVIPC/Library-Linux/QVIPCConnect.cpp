@@ -69,8 +69,8 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
         // Slot 1's write ends go now; its read ends are made anew by every attempt below.
         closeFd(m_fdsSendRequest[REQUEST_PIPE]);
         closeFd(m_fdsSendResponse[REQUEST_PIPE]);
-        m_slotConnectId[REQUEST_PIPE] = 0;
-        m_slotPid[REQUEST_PIPE] = 0;
+        storeWord(m_slotConnectId[REQUEST_PIPE], 0);
+        storeWord(m_slotPid[REQUEST_PIPE], 0);
 
         // Every attempt makes the client's read ends anew, so that each CONNECT finds both
         // open for the server's opens and the reply.
@@ -194,7 +194,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     }
 
     if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(*pFdSendAdmin);
-    m_connectResult[REQUEST_PIPE] = 0;
+    storeWord(m_connectResult[REQUEST_PIPE], 0);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending connect request");
     RequestFrame record;
     RequestHeader h;
@@ -219,7 +219,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     delete[] body;
     m_waitingConnectReply.store(0);
     if (hr == S_OK) {
-        hr = static_cast<QVRESULT>(m_connectResult[REQUEST_PIPE]);
+        hr = static_cast<QVRESULT>(loadWord(m_connectResult[REQUEST_PIPE]));
         *pRefused = hr != S_OK;
     }
     if (hr == QVIPC_E_TOO_MANY_CLIENTS) {
@@ -244,8 +244,8 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
         CCritSecLock lock(m_pCritSec, __LINE__);
         __atomic_store_n(&m_maxRequestSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
     }
-    m_slotConnectId[REQUEST_PIPE] = m_connectId;
-    m_slotPid[REQUEST_PIPE] = ownPid;
+    storeWord(m_slotConnectId[REQUEST_PIPE], m_connectId);
+    storeWord(m_slotPid[REQUEST_PIPE], ownPid);
     return S_OK;
 }
 
@@ -270,8 +270,8 @@ void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
     // thread may be reading them, and only these two points are known to be safe.
     closeFd(m_fdsSendRequest[REQUEST_PIPE]);
     closeFd(m_fdsSendResponse[REQUEST_PIPE]);
-    m_slotConnectId[REQUEST_PIPE] = 0;
-    m_slotPid[REQUEST_PIPE] = 0;
+    storeWord(m_slotConnectId[REQUEST_PIPE], 0);
+    storeWord(m_slotPid[REQUEST_PIPE], 0);
 }
 
 void CQVIPCLibraryImpl::publishConnection() {
@@ -338,7 +338,7 @@ void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
     // leave both sets before they are closed.
     closeServerSlot(id);
     for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
-        if (it->first == m_slotConnectId[id] && it->second == id) {
+        if (it->first == loadWord(m_slotConnectId[id]) && it->second == id) {
             m_connectIdMap.erase(it);
             break;
         }

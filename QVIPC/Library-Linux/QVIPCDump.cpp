@@ -10,17 +10,14 @@
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
+using qvframe::loadWord;
+
 namespace {
 
 // Numbers are dumped as signed 32-bit on both targets, so a connect id of 2^31 or more prints
 // negative on x86-64 as it does on i686.
 long signed32(unsigned long value) {
     return static_cast<long>(static_cast<int32_t>(static_cast<uint32_t>(value)));
-}
-
-// Slot values that other threads store while the dump runs are read atomically.
-unsigned long loadWord(const unsigned long& word) {
-    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 
 // A "pipe-name-" member, then its "pipe-handle-" member when the descriptor is open.

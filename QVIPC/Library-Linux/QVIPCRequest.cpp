@@ -90,7 +90,8 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
     }
     if (hr == S_OK) {
         // The id is used up before the write, so a failed write still consumes it.
-        const unsigned long requestId = m_nextRequestId++;
+        // Any thread may send: the id is drawn atomically so two senders never share one.
+        const unsigned long requestId = __atomic_fetch_add(&m_nextRequestId, 1ul, __ATOMIC_SEQ_CST);
         if (pRequestId != nullptr) *pRequestId = requestId;
 
         RequestFrame header;

@@ -265,8 +265,8 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
             break;
         }
         if (h.type == TYPE_CONNECT && m_isServer == 0) {
-            if (m_waitingConnectReply.load() != 0) m_connectResult[slot] = h.result;
-            m_serverPid = h.pid;
+            if (m_waitingConnectReply.load() != 0) storeWord(m_connectResult[slot], h.result);
+            storeWord(m_serverPid, h.pid);
             break;
         }
         if (keepWaiting == 0) break;
