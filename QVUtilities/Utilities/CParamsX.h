@@ -37,8 +37,8 @@ public:
     // before any parameter; the header must not begin with a digit nor hold a ";".
     void addHeader(std::string header);
     void addParam(const std::string& value);
-    void addParam(int value);  // a BOOL: "T" when nonzero, "F" when zero
-    void addParam(long value);
+    void addParam(int value);   // a BOOL: "T" when nonzero, "F" when zero
+    void addParam(long value);  // "%d" of the value as an int
     void addParam(unsigned long long value);
     // Appends hr as "0x%08X"; added first, where getHRESULT looks for it.
     void addResult(long hr);

@@ -116,7 +116,7 @@ TEST(ParamsXTest, TypedValuesEncodeAndReadBack) {
     CParamsX p;
     p.addParam(0);
     p.addParam(7);
-    p.addParam(LONG_MIN);
+    p.addParam(static_cast<long>(INT_MIN));
     p.addParam(-5L);
     p.addParam(ULLONG_MAX);
     p.addParam(std::string("abc"));
@@ -124,7 +124,7 @@ TEST(ParamsXTest, TypedValuesEncodeAndReadBack) {
     EXPECT_EQ("T", p.getstringParamAt(1));
     EXPECT_EQ(0, p.getBOOLParamAt(0));
     EXPECT_EQ(1, p.getBOOLParamAt(1));
-    EXPECT_EQ(LONG_MIN, p.getLongParamAt(2));
+    EXPECT_EQ(static_cast<long>(INT_MIN), p.getLongParamAt(2));
     EXPECT_EQ("-5", p.getstringParamAt(3));
     EXPECT_EQ(ULLONG_MAX, p.getULONGLONGParamAt(4));
     EXPECT_EQ("18446744073709551615", p.getstringParamAt(4));
@@ -132,6 +132,15 @@ TEST(ParamsXTest, TypedValuesEncodeAndReadBack) {
     EXPECT_EQ(0L, p.getLongParamAt(5));
     EXPECT_EQ(0, p.getBOOLParamAt(5));
     EXPECT_EQ(0ULL, p.getULONGLONGParamAt(5));
+}
+
+TEST(ParamsXTest, LongIsWrittenAsA32BitWordOnEveryTarget) {
+    CParamsX p;
+    p.addParam(static_cast<long>(INT_MAX));
+    // Where long is wider, its low 32 bits are written, as on the 32-bit target.
+    const long long wide = 0x100000005LL;
+    p.addParam(sizeof(long) > 4 ? static_cast<long>(wide) : 5L);
+    EXPECT_EQ("10;2147483647;1;5", p.paramList());
 }
 
 TEST(ParamsXTest, GettersOutOfRangeGiveEmptyValues) {
