@@ -24,7 +24,10 @@ std::vector<std::string> ReadAll(const CParamsX& p) {
     }
     const unsigned long past = static_cast<unsigned long>(p.count());
     if (!p.getstringParamAt(past).empty() || p.getLongParamAt(past) != 0) abort();
-    (void)p.getHRESULT();
+    try {
+        (void)p.getHRESULT();  // throws, as the getters do, when parameter 0 is malformed
+    } catch (LQException&) {
+    }
     (void)p.getHeader();
     return values;
 }

@@ -226,13 +226,8 @@ unsigned long long CParamsX::getULONGLONGParamAt(unsigned long i) const {
 
 long CParamsX::getHRESULT() const {
     if (m_offsets.empty()) return PARAMSX_E_FORMAT;
-    std::string value;
-    try {
-        value = valueAt(0);
-    } catch (LQException&) {
-        // A parameter 0 whose length field is malformed holds no result code either.
-        return PARAMSX_E_FORMAT;
-    }
+    // A malformed length field of parameter 0 throws, as every reader of a parameter does.
+    const std::string value = valueAt(0);
     if (value.size() != HRESULT_TEXT_LENGTH) return PARAMSX_E_FORMAT;
     return ParseResult(value.data());
 }

@@ -65,7 +65,8 @@ public:
     unsigned long long getULONGLONGParamAt(unsigned long i) const;
 
     // The result code held by parameter 0, or PARAMSX_E_FORMAT when there is none. A value of
-    // 10 characters that does not read as "0x%08X" gives 0.
+    // 10 characters that does not read as "0x%08X" gives 0. Throws LQException
+    // PARAMSX_E_FORMAT when parameter 0's length field is malformed.
     long getHRESULT() const;
     // The same for the first parameter of a list text, without building a list.
     static long getHRESULT(const std::string& text);
