@@ -145,7 +145,7 @@ JSONValue& JSONValue::NonConstNone() {
 
 // ---- ArrayValue
 
-bool ArrayValue::OrdinalMap::Less::operator()(const OrdinalMap& a, const OrdinalMap& b) const {
+bool ArrayValue::OrdinalMap::Less(const OrdinalMap& a, const OrdinalMap& b) {
     return strcmp(a.pText != nullptr ? a.pText : "", b.pText != nullptr ? b.pText : "") < 0;
 }
 
@@ -196,7 +196,7 @@ bool ArrayValue::MakeMap() const {
         }
         m_valueIndex.push_back(OrdinalMap{m_values[i].m_pText, static_cast<int32_t>(i)});
     }
-    std::sort(m_valueIndex.begin(), m_valueIndex.end(), OrdinalMap::Less());
+    std::sort(m_valueIndex.begin(), m_valueIndex.end(), OrdinalMap::Less);
     return true;
 }
 
@@ -208,9 +208,8 @@ int ArrayValue::OrdinalOf(const char* name, int length) const {
     const std::string key =
         length >= 0 ? std::string(name, strnlen(name, static_cast<size_t>(length))) : name;
     const OrdinalMap probe{const_cast<char*>(key.c_str()), 0};
-    const OrdinalMap::Less less;
-    auto it = std::lower_bound(m_valueIndex.begin(), m_valueIndex.end(), probe, less);
-    if (it == m_valueIndex.end() || less(probe, *it)) return -1;
+    auto it = std::lower_bound(m_valueIndex.begin(), m_valueIndex.end(), probe, OrdinalMap::Less);
+    if (it == m_valueIndex.end() || OrdinalMap::Less(probe, *it)) return -1;
     return it->nOrdinal;
 }
 
@@ -253,7 +252,7 @@ void ObjectValue::NameMap::UpdateName(const char* name) {
     bOwned = true;
 }
 
-bool ObjectValue::NameMap::Less::operator()(const NameMap& a, const NameMap& b) const {
+bool ObjectValue::NameMap::Less(const NameMap& a, const NameMap& b) {
     if (a.nLength != b.nLength) return a.nLength < b.nLength;
     // Equal lengths; a length of 0 may come with a null name, which strncmp must not see.
     if (a.nLength <= 0) return false;
@@ -302,7 +301,7 @@ JSONValue* ObjectValue::GetByName(const char* name, int length) const {
 }
 
 void ObjectValue::Sort() const {
-    if (!m_names.empty()) std::sort(m_names.begin(), m_names.end(), NameMap::Less());
+    if (!m_names.empty()) std::sort(m_names.begin(), m_names.end(), NameMap::Less);
     // A parse cut off after a name leaves an entry whose ordinal has no member: skip it.
     const int32_t members = static_cast<int32_t>(m_members.m_values.size());
     for (size_t i = 0; i < m_names.size(); ++i) {
@@ -320,9 +319,8 @@ int ObjectValue::OrdinalOf(const char* name, int length) const {
     const size_t n = length >= 0 ? static_cast<size_t>(length) : strlen(name);
     if (n > INT32_MAX) return -1;
     const NameMap key{const_cast<char*>(name), static_cast<int32_t>(n), false, 0};
-    const NameMap::Less less;
-    auto it = std::lower_bound(m_names.begin(), m_names.end(), key, less);
-    if (it == m_names.end() || less(key, *it)) return -1;
+    auto it = std::lower_bound(m_names.begin(), m_names.end(), key, NameMap::Less);
+    if (it == m_names.end() || NameMap::Less(key, *it)) return -1;
     return it->nOrdinal;
 }
 

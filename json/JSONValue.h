@@ -160,10 +160,8 @@ public:
     struct QV_API OrdinalMap {
         char* pText;
         int32_t nOrdinal;
-        // strcmp order of the texts.
-        struct QV_API Less {
-            bool operator()(const OrdinalMap& a, const OrdinalMap& b) const;
-        };
+        // strcmp order of the texts; the comparator of the index's sort and search.
+        static bool Less(const OrdinalMap& a, const OrdinalMap& b);
     };
 
     explicit ArrayValue(int capacity = 4);
@@ -208,10 +206,8 @@ public:
         void UpdateName(const char* name);
 
         // Length first, then strncmp over that length: every 1-byte name sorts before any
-        // 2-byte name.
-        struct QV_API Less {
-            bool operator()(const NameMap& a, const NameMap& b) const;
-        };
+        // 2-byte name. The comparator of the name index's sort and search.
+        static bool Less(const NameMap& a, const NameMap& b);
     };
 
     explicit ObjectValue(int capacity = 4);

@@ -84,6 +84,14 @@ TEST(DomValueTest, ObjectNameIndexSortsByLengthThenBytes) {
     EXPECT_EQ(0, obj->OrdinalOf(nullptr));
     EXPECT_FALSE(obj->MakeMap());
 
+    // The comparator orders by length before bytes.
+    using NameMap = JSON::ObjectValue::NameMap;
+    char b[] = "b", aa[] = "aa";
+    const NameMap nb{b, 1, false, 0}, naa{aa, 2, false, 1};
+    EXPECT_TRUE(NameMap::Less(nb, naa));
+    EXPECT_FALSE(NameMap::Less(naa, nb));
+    EXPECT_FALSE(NameMap::Less(nb, nb));
+
     JSON::Message empty;
     ASSERT_TRUE(empty.Parse("{}"));
     EXPECT_EQ(-1, empty.m_pComposite->OrdinalOf("a"));
@@ -109,6 +117,12 @@ TEST(DomValueTest, ArrayValueIndexFindsStringsOnly) {
     EXPECT_EQ(2, arr->OrdinalOf("cx", 1));
     EXPECT_STREQ("c", arr->NameAt(2));
     EXPECT_TRUE(arr->MakeMap());
+    // The index is in strcmp order of the texts.
+    const auto& index = static_cast<const JSON::ArrayValue*>(arr)->m_valueIndex;
+    ASSERT_EQ(3u, index.size());
+    EXPECT_TRUE(JSON::ArrayValue::OrdinalMap::Less(index[0], index[1]));
+    EXPECT_FALSE(JSON::ArrayValue::OrdinalMap::Less(index[1], index[0]));
+    EXPECT_EQ(1, index[0].nOrdinal);
 
     ASSERT_TRUE(m.Parse(R"([1,"a"])"));
     EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("a"));
