@@ -187,10 +187,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const uint8_t b = in.Byte();
                 const int len = b == 0xFF ? -1 : static_cast<int>(b % (s.size() + 1));
                 w.JS_N(s.c_str(), len);
-                if (len < 0) {
+                if (s.empty()) {
+                    m.Value("null");  // whatever the length
+                } else if (len < 0) {
                     m.Refuse();
                 } else {
-                    m.Value(s.empty() ? "null" : s.substr(0, static_cast<size_t>(len)));
+                    m.Value(s.substr(0, static_cast<size_t>(len)));
                 }
                 break;
             }

@@ -141,12 +141,14 @@ Serialize& Serialize::JS(const char* json) {
 }
 
 Serialize& Serialize::JS_N(const char* json, int len) {
-    if (len < 0) {
+    const bool isNull = json == nullptr || *json == '\0';
+    // A negative count of bytes to copy is refused; a null text does not use the count.
+    if (!isNull && len < 0) {
         m_error = true;
         return *this;
     }
     if (!BeginValue()) return *this;
-    if (json == nullptr || *json == '\0') {
+    if (isNull) {
         m_str.append("null", 4);
     } else {
         m_str.append(json, static_cast<size_t>(len));

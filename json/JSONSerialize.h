@@ -45,7 +45,7 @@ public:
     // json as it stands (not checked); null or empty writes null.
     Serialize& JS(const char* json);
     // The first len bytes of json as they stand (json must hold them); null or a text
-    // starting with NUL writes null; a negative len is refused.
+    // starting with NUL writes null whatever len is; otherwise a negative len is refused.
     Serialize& JS_N(const char* json, int len);
     // text as it stands; a null pointer writes null.
     void AppendString(const char* text);

@@ -38,9 +38,10 @@ TEST(WriterSerializeTest, WritesCompactText) {
          R"([{"x":1},null,null])"},
         {"ready JSON by length",
          [](JSON::Serialize& w) {
-             w.OO().N("a").JS_N("[1,2]tail", 5).N("b").JS_N("", 3).N("c").JS_N(nullptr, 2).OC();
+             w.OO().N("a").JS_N("[1,2]tail", 5).N("b").JS_N("", 3).N("c").JS_N(nullptr, 2);
+             w.N("d").JS_N(nullptr, -1).OC();  // a null text does not use the length
          },
-         R"({"a":[1,2],"b":null,"c":null})"},
+         R"({"a":[1,2],"b":null,"c":null,"d":null})"},
         {"raw text",
          [](JSON::Serialize& w) {
              w.AO();
