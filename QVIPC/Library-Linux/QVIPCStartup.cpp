@@ -20,6 +20,32 @@ namespace {
 constexpr mode_t FIFO_MODE = S_IFIFO | 0666;  // 0x11B6
 constexpr mode_t FILE_MODE = 0666;            // 0x1B6, whatever the umask
 
+// The internal pipe and the admin FIFO's read end go into the receivers' select() sets, which
+// hold only descriptors below FD_SETSIZE: a higher one could never wake its receiver, and
+// finalize would wait for ever for it. Such descriptors count as not made (EMFILE).
+int openAdminReadEnd(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    if (fd == -1 || fd < FD_SETSIZE) return fd;
+    close(fd);
+    errno = EMFILE;
+    return -1;
+}
+
+// pipe() into fds; on failure both entries stay -1.
+bool makeInternalPipe(int (&fds)[2]) {
+    int made[2];
+    if (pipe(made) != 0) return false;
+    if (made[0] >= FD_SETSIZE) {
+        close(made[0]);
+        close(made[1]);
+        errno = EMFILE;
+        return false;
+    }
+    fds[0] = made[0];
+    fds[1] = made[1];
+    return true;
+}
+
 // mknod, with EEXIST counting as success (the FIFO is reused, its mode set again). Returns
 // 0, or errno of the failed mknod.
 int makeFifo(const std::string& path) {
@@ -58,7 +84,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
     } else if (m_isServer != 0) {
         qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, create server response admin pipe", addr);
         // A retry after a failed start-up keeps what the failed one made.
-        if (m_adminResponsePipe[0] == -1 && pipe(m_adminResponsePipe) != 0) {
+        if (m_adminResponsePipe[0] == -1 && !makeInternalPipe(m_adminResponsePipe)) {
             qvLogError(
                 "(Error) CQVIPCLibraryImpl::initialize, create server response admin pipe, errno "
                 "%d",
@@ -73,11 +99,9 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
             const int flags = fcntl(m_adminResponsePipe[1], F_GETFL);
             if (flags != -1) fcntl(m_adminResponsePipe[1], F_SETFL, flags | O_NONBLOCK);
             CCritSecLock lock(m_pCritSec, __LINE__);
-            if (m_adminResponsePipe[0] < FD_SETSIZE) {
-                FD_SET(m_adminResponsePipe[0], &m_fdsetRecvResponse);
-                if (m_adminResponsePipe[0] > m_fdmaxRecvResponse) {
-                    m_fdmaxRecvResponse = m_adminResponsePipe[0];
-                }
+            FD_SET(m_adminResponsePipe[0], &m_fdsetRecvResponse);
+            if (m_adminResponsePipe[0] > m_fdmaxRecvResponse) {
+                m_fdmaxRecvResponse = m_adminResponsePipe[0];
             }
             storeFd(m_fdsRecvResponse[0], m_adminResponsePipe[0]);
             __atomic_store_n(&m_maxResponseSlot, 0, __ATOMIC_SEQ_CST);
@@ -87,7 +111,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
             qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (read) %s", addr,
                     adminPath.c_str());
             int fd = loadFd(m_fdsRecvRequest[0]);
-            if (fd == -1) fd = open(adminPath.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+            if (fd == -1) fd = openAdminReadEnd(adminPath);
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::initialize, can't create recv pipe %s, errno %d",
@@ -97,7 +121,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                 clearO_NONBLOCK(fd);
                 CCritSecLock lock(m_pCritSec, __LINE__);
                 m_fdmaxRecvRequest = fd;
-                if (fd < FD_SETSIZE) FD_SET(fd, &m_fdsetRecvRequest);
+                FD_SET(fd, &m_fdsetRecvRequest);
                 storeFd(m_fdsRecvRequest[0], fd);
                 __atomic_store_n(&m_maxRequestSlot, 0, __ATOMIC_SEQ_CST);
             }

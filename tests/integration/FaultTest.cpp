@@ -7,6 +7,8 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "tests/integration/IntegrationSupport.h"
 #include "tests/support/TestSupport.h"
@@ -21,7 +23,33 @@ protected:
         m_guid = qvtest::TestGuid();
         m_fdsBefore = qvtest::CountOpenFds();
     }
-    void TearDown() override { qvtest::RemoveGuidFiles(m_guid); }
+    void TearDown() override {
+        if (m_limitRaised) setrlimit(RLIMIT_NOFILE, &m_savedLimit);
+        qvtest::RemoveGuidFiles(m_guid);
+    }
+
+    // Lets descriptors go beyond FD_SETSIZE until TearDown; false when the hard limit is lower.
+    bool raiseDescriptorLimit() {
+        if (getrlimit(RLIMIT_NOFILE, &m_savedLimit) != 0) return false;
+        if (m_savedLimit.rlim_max < FD_SETSIZE + 64) return false;
+        rlimit raised = m_savedLimit;
+        if (raised.rlim_cur < FD_SETSIZE + 64) raised.rlim_cur = FD_SETSIZE + 64;
+        m_limitRaised = setrlimit(RLIMIT_NOFILE, &raised) == 0;
+        return m_limitRaised;
+    }
+
+    // Takes every free descriptor number below FD_SETSIZE; the caller closes them.
+    static std::vector<int> fillLowDescriptors() {
+        std::vector<int> fillers;
+        for (int fd = dup(0); fd != -1; fd = dup(0)) {
+            if (fd >= FD_SETSIZE) {
+                close(fd);
+                break;
+            }
+            fillers.push_back(fd);
+        }
+        return fillers;
+    }
 
     // One request of the pair's client, answered by the server's echo.
     static void expectRoundTrip(ConnectedPair& pair, const std::string& body) {
@@ -36,6 +64,8 @@ protected:
     ipctest::LineCapture m_capture;
     std::string m_guid;
     int m_fdsBefore = 0;
+    rlimit m_savedLimit{};
+    bool m_limitRaised = false;
 };
 
 TEST_F(FaultTest, AdminFifoGarbageIsReportedAndTheServerGoesOn) {
@@ -257,27 +287,47 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     EXPECT_TRUE(serverLoop.connections().empty());
 }
 
+// The server's internal pipe and admin read end must fit a select() set, or its receivers
+// could never be woken and finalize would wait for ever.
+TEST_F(FaultTest, ServerStartUpRefusesDescriptorsBeyondFdSetSize) {
+    if (!raiseDescriptorLimit()) GTEST_SKIP() << "descriptor limit too low";
+    {
+        auto server = MakeServer(m_guid, 4);
+        std::vector<int> fillers = fillLowDescriptors();
+        ASSERT_GE(fillers.size(), 2u);
+        EXPECT_EQ(QVIPC_E_CREATE_PIPE, server->initialize());
+        EXPECT_EQ(1u, CountLines(m_capture,
+                                 "L/0/64 (Error) CQVIPCLibraryImpl::initialize, create server "
+                                 "response admin pipe, errno 24"));
+        // Room for the pipe only: the admin FIFO's read end would be the high one.
+        close(fillers.back());
+        fillers.pop_back();
+        close(fillers.back());
+        fillers.pop_back();
+        EXPECT_EQ(QVIPC_E_CREATE_PIPE, server->initialize());
+        EXPECT_EQ(1u, CountLines(m_capture,
+                                 "L/0/64 (Error) CQVIPCLibraryImpl::initialize, can't "
+                                 "create recv pipe /tmp/" +
+                                     m_guid + "-svr-admin, errno 24"));
+        for (const int fd : fillers) close(fd);
+        EXPECT_EQ(S_OK, server->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        EXPECT_EQ(S_OK, server->finalize());
+        serverLoop.join();
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
 TEST_F(FaultTest, DescriptorsBeyondFdSetSizeRefuseTheConnectUntilLowOnesAreFree) {
-    rlimit saved;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-    if (saved.rlim_max < FD_SETSIZE + 64) GTEST_SKIP() << "descriptor limit too low";
-    rlimit raised = saved;
-    if (raised.rlim_cur < FD_SETSIZE + 64) raised.rlim_cur = FD_SETSIZE + 64;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &raised));
+    if (!raiseDescriptorLimit()) GTEST_SKIP() << "descriptor limit too low";
     {
         auto server = MakeServer(m_guid, 4);
         ASSERT_EQ(S_OK, server->initialize());
         RequestLoop serverLoop(*server, 48, true);
         const std::string addr = AddressOf(m_capture, m_guid, 1);
         // Every number below FD_SETSIZE taken: the server's next read ends would not fit a set.
-        std::vector<int> fillers;
-        for (int fd = dup(0); fd != -1; fd = dup(0)) {
-            if (fd >= FD_SETSIZE) {
-                close(fd);
-                break;
-            }
-            fillers.push_back(fd);
-        }
+        const std::vector<int> fillers = fillLowDescriptors();
         auto client = MakeClient(m_guid);
         ASSERT_EQ(S_OK, client->initialize());
         // Connect ids: the server drew 1, the client 3.
@@ -303,7 +353,6 @@ TEST_F(FaultTest, DescriptorsBeyondFdSetSizeRefuseTheConnectUntilLowOnesAreFree)
         server->finalize();
     }
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
-    setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 }  // namespace
