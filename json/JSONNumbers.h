@@ -40,6 +40,16 @@ QV_API char* DoubleToStr(double value, char* buf, int size);
 
 #ifdef __cplusplus
 }
+
+// The same functions, reachable from the JSON namespace too, where the writer lives.
+namespace JSON {
+using ::DoubleToStr;
+using ::IntToStr;
+using ::Long64ToStr;
+using ::LongToStr;
+using ::UnsignedLong64ToStr;
+using ::UnsignedLongToStr;
+}  // namespace JSON
 #endif
 
 #endif  // JSON_JSONNUMBERS_H_

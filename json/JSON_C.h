@@ -6,6 +6,10 @@
 #define JSON_JSON_C_H_
 
 #include "common/QVExport.h"
+/* The rest of the plain-function interface: JSON_EscapeString into a fixed buffer and the
+ * number formatters. */
+#include "json/JSONEscape.h"
+#include "json/JSONNumbers.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -75,6 +75,13 @@ int DomCExerciseFreshMessage(void) {
     CHECK(JSON_GetPathAsDouble(msg, "a") == 0.0);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "a") == 0);
     CHECK(JSON_IsOrdinalNull(msg, 0) == 0);
+    /* The escaping and number functions come with the same header. */
+    {
+        char buf[14];
+        char* pos = buf;
+        CHECK(JSON_EscapeString(&pos, buf + sizeof buf, "a\"b") == 1 && strcmp(buf, "a\\\"b") == 0);
+        CHECK(IntToStr(-42, buf, 14) == buf + 3 && strcmp(buf, "-42") == 0);
+    }
 done:
     JSON_FreeMessage(msg);
     JSON_FreeMessage(NULL);
