@@ -26,4 +26,12 @@ for p in "${presets[@]}"; do
         status=1
     fi
 done
+# Mixed word sizes: a server from one build and clients from the other, both ways; needs both
+# builds (the default and the i386 one).
+if [ -d build/default ] && [ -d build/i386 ]; then
+    echo "== mixed word sizes (build/default with build/i386)"
+    if ! tests/reliability/mixed-abi.sh build/default build/i386; then
+        status=1
+    fi
+fi
 exit "$status"
