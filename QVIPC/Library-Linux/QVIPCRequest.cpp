@@ -164,7 +164,13 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
             unsigned long newSlot = 0;
             hr = receiveRequestOnAdminPipe(&newSlot);
             if (hr == QVIPC_E_NEW_CONNECTION) {
+                // A new connection carries no message: the other outputs are cleared, so that
+                // no value the caller left in *ppBuf looks like a body it now owns.
                 *pIpcid = newSlot;
+                *pRequestId = 0;
+                *ppBuf = nullptr;
+                *pLen = 0;
+                *pRequestType = 0;
                 done = true;
             }
             continue;

@@ -212,10 +212,21 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
     ASSERT_EQ(S_OK, server->initialize());
     ASSERT_EQ(S_OK, first->initialize());
     ASSERT_EQ(S_OK, second->initialize());
-    for (int connected = 0; connected < 2;) {
-        const Received r = ReceiveRequest(*server, 0);
-        ASSERT_EQ(QVIPC_E_NEW_CONNECTION, r.hr);
-        ++connected;
+    for (unsigned long slot = 1; slot <= 2; ++slot) {
+        // A new connection clears the outputs that carry a message; nothing stale survives.
+        unsigned long ipcid = 99;
+        unsigned long id = 99;
+        unsigned long len = 99;
+        int type = 99;
+        char stale = 's';
+        char* buf = &stale;
+        ASSERT_EQ(QVIPC_E_NEW_CONNECTION,
+                  server->receiveRequest(&ipcid, &id, &buf, &len, &type, nullptr));
+        EXPECT_EQ(slot, ipcid);
+        EXPECT_EQ(0ul, id);
+        EXPECT_EQ(nullptr, buf);
+        EXPECT_EQ(0ul, len);
+        EXPECT_EQ(0, type);
     }
     // Both FIFOs hold ten messages before the server looks again.
     for (int i = 0; i < 10; ++i) {
