@@ -29,38 +29,7 @@ constexpr int TYPE_BYE = 9;
 
 std::string Ext(uint32_t seed) { return rel::Pattern(rel::EXT_SIZE, seed ^ 0xE47u); }
 
-struct Got {
-    QVRESULT hr = 0;
-    unsigned long ipcid = 0;
-    unsigned long id = 0;
-    int type = 0;
-    std::string body;
-    std::string ext;
-};
-
-Got Request(CQVIPCLibrary& lib) {
-    Got g;
-    char* buf = nullptr;
-    unsigned long len = 0;
-    char ext[rel::EXT_SIZE] = {0};
-    g.hr = lib.receiveRequest(&g.ipcid, &g.id, &buf, &len, &g.type, ext);
-    if (buf != nullptr) g.body.assign(buf, len);
-    delete[] buf;
-    g.ext.assign(ext, rel::EXT_SIZE);
-    return g;
-}
-
-Got Response(CQVIPCLibrary& lib) {
-    Got g;
-    char* buf = nullptr;
-    unsigned long len = 0;
-    char ext[rel::EXT_SIZE] = {0};
-    g.hr = lib.receiveResponse(&g.ipcid, &buf, &len, &g.id, ext);
-    if (buf != nullptr) g.body.assign(buf, len);
-    delete[] buf;
-    g.ext.assign(ext, rel::EXT_SIZE);
-    return g;
-}
+using rel::Got;
 
 [[noreturn]] void Fail(const char* role, const char* what, unsigned long detail) {
     fprintf(stderr, "mixed_peer %s: %s (%lu)\n", role, what, detail);
@@ -78,10 +47,10 @@ void Exchange(CQVIPCLibrary& lib, unsigned long ipcid, const char* role, uint32_
         const QVRESULT hr =
             lib.sendRequest(ipcid, body.data(), body.size(), &id, TYPE_DATA, ext.data());
         if (hr != 0) Fail(role, "sendRequest failed", hr);
-        Got g = Response(lib);
+        Got g = rel::ReceiveResponse(lib);
         // A server's response receiver also reports other slots (a client that has finished
         // and gone); only this slot's answers count here.
-        while (g.ipcid != ipcid) g = Response(lib);
+        while (g.ipcid != ipcid) g = rel::ReceiveResponse(lib);
         if (g.hr != 0) Fail(role, "receiveResponse failed", g.hr);
         if (g.id != id) Fail(role, "response id mismatch", g.id);
         if (g.body != rel::Answer(body)) Fail(role, "response body mismatch", SIZES[i]);
@@ -114,7 +83,7 @@ int RunServer(const std::string& guid, unsigned long clients) {
     // server leave could drop the answer to its goodbye while it reconnects.
     unsigned long gone = 0;
     while (byes < clients || gone < clients) {
-        const Got g = Request(lib);
+        const Got g = rel::ReceiveRequest(lib);
         if (g.hr == QVIPC_E_NEW_CONNECTION) {
             std::lock_guard<std::mutex> lock(mutex);
             fresh.push_back(g.ipcid);
@@ -128,11 +97,7 @@ int RunServer(const std::string& guid, unsigned long clients) {
         }
         if (g.hr != 0) Fail("server", "receiveRequest failed", g.hr);
         if (g.type == TYPE_BYE) ++byes;
-        const std::string body = rel::Answer(g.body);
-        const std::string ext = rel::Answer(g.ext);
-        if (lib.sendResponse(g.ipcid, g.id, body.data(), body.size(), ext.data()) != 0) {
-            Fail("server", "sendResponse failed", g.ipcid);
-        }
+        if (rel::AnswerRequest(lib, g) != 0) Fail("server", "sendResponse failed", g.ipcid);
     }
     asker.join();
     lib.finalize();
@@ -148,7 +113,7 @@ int RunClient(const std::string& guid) {
     std::atomic<bool> leaving{false};
     std::thread answerer([&] {
         for (;;) {
-            const Got g = Request(lib);
+            const Got g = rel::ReceiveRequest(lib);
             if (g.hr == QVIPC_E_SHUTDOWN) break;
             if (g.hr == QVIPC_E_NEW_CONNECTION) {
                 connected.store(true);
@@ -156,11 +121,7 @@ int RunClient(const std::string& guid) {
             }
             if (g.hr != 0 && leaving.load()) continue;  // the server may be gone already
             if (g.hr != 0) Fail("client", "receiveRequest failed", g.hr);
-            const std::string body = rel::Answer(g.body);
-            const std::string ext = rel::Answer(g.ext);
-            if (lib.sendResponse(0, g.id, body.data(), body.size(), ext.data()) != 0) {
-                Fail("client", "sendResponse failed", g.id);
-            }
+            if (rel::AnswerRequest(lib, g) != 0) Fail("client", "sendResponse failed", g.id);
             ++answered;
         }
     });
@@ -173,7 +134,7 @@ int RunClient(const std::string& guid) {
     if (lib.sendRequest(0, nullptr, 0, &id, TYPE_BYE, Ext(1).data()) != 0) {
         Fail("client", "bye failed", 0);
     }
-    const Got g = Response(lib);
+    const Got g = rel::ReceiveResponse(lib);
     if (g.hr != 0 || g.id != id) Fail("client", "bye unanswered", g.hr);
     const long long connectId = rel::ClientConnectId(guid, getpid());
     lib.finalize();

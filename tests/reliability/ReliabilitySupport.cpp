@@ -108,6 +108,36 @@ long ResidentKiB(pid_t pid) {
     return kib;
 }
 
+Got ReceiveRequest(CQVIPCLibrary& lib) {
+    Got g;
+    char* buf = nullptr;
+    unsigned long len = 0;
+    char ext[EXT_SIZE] = {0};
+    g.hr = lib.receiveRequest(&g.ipcid, &g.id, &buf, &len, &g.type, ext);
+    if (buf != nullptr) g.body.assign(buf, len);
+    delete[] buf;
+    g.ext.assign(ext, EXT_SIZE);
+    return g;
+}
+
+Got ReceiveResponse(CQVIPCLibrary& lib) {
+    Got g;
+    char* buf = nullptr;
+    unsigned long len = 0;
+    char ext[EXT_SIZE] = {0};
+    g.hr = lib.receiveResponse(&g.ipcid, &buf, &len, &g.id, ext);
+    if (buf != nullptr) g.body.assign(buf, len);
+    delete[] buf;
+    g.ext.assign(ext, EXT_SIZE);
+    return g;
+}
+
+QVRESULT AnswerRequest(CQVIPCLibrary& lib, const Got& request) {
+    const std::string body = Answer(request.body);
+    const std::string ext = Answer(request.ext);
+    return lib.sendResponse(request.ipcid, request.id, body.data(), body.size(), ext.data());
+}
+
 uint64_t NowMs() {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                      std::chrono::steady_clock::now().time_since_epoch())

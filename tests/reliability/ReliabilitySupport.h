@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string>
 
+#include "QVIPC/QVIPCLibrary/QVIPCLibrary.h"
+
 namespace rel {
 
 constexpr unsigned long NO_TIMEOUT = 0xFFFFFFFFul;
@@ -32,6 +34,20 @@ void RemoveGuidFiles(const std::string& guid);
 // Open descriptors and resident set (KiB) of a process.
 int CountFds(pid_t pid);
 long ResidentKiB(pid_t pid);
+// One result of a receive call with its outputs.
+struct Got {
+    QVRESULT hr = 0;
+    unsigned long ipcid = 0;
+    unsigned long id = 0;
+    int type = 0;
+    std::string body;
+    std::string ext;
+};
+Got ReceiveRequest(CQVIPCLibrary& lib);
+Got ReceiveResponse(CQVIPCLibrary& lib);
+// Answers a received request with Answer() of its body and extension.
+QVRESULT AnswerRequest(CQVIPCLibrary& lib, const Got& request);
+
 // Milliseconds of a monotonic clock.
 uint64_t NowMs();
 
