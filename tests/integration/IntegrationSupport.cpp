@@ -53,7 +53,12 @@ Received ReceiveResponse(CQVIPCLibrary& lib, unsigned long extSize) {
 RequestLoop::RequestLoop(CQVIPCLibrary& lib, unsigned long extSize, bool echo)
     : m_lib(lib), m_extSize(extSize), m_echo(echo), m_thread([this] { run(); }) {}
 
-RequestLoop::~RequestLoop() { join(); }
+// Finalizes first, so that a test that stops early (a failed ASSERT) ends its loop instead of
+// waiting for ever; finalize is safe to repeat.
+RequestLoop::~RequestLoop() {
+    m_lib.finalize();
+    join();
+}
 
 void RequestLoop::join() {
     if (m_thread.joinable()) m_thread.join();

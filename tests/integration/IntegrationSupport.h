@@ -48,7 +48,7 @@ struct Received {
 class RequestLoop {
 public:
     RequestLoop(CQVIPCLibrary& lib, unsigned long extSize, bool echo);
-    ~RequestLoop();  // joins; the endpoint must have been finalized
+    ~RequestLoop();  // finalizes the endpoint, then joins
     RequestLoop(const RequestLoop&) = delete;
     RequestLoop& operator=(const RequestLoop&) = delete;
 

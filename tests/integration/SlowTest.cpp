@@ -26,9 +26,10 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     ConnectedPair pair(m_guid, 1, 48, true);
     ASSERT_TRUE(pair.ok);
     auto refused = MakeClient(m_guid);
-    ASSERT_EQ(S_OK, refused->initialize());
-    // Its request reader keeps the read ends, through which the reconnect command reaches it.
+    // Its request reader keeps the read ends, through which the reconnect command reaches it:
+    // the reader is inside its call before the connect thread exists, whatever the scheduling.
     RequestLoop refusedLoop(*refused, 48, true);
+    ASSERT_EQ(S_OK, refused->initialize());
     const std::string addr = AddressOf(m_capture, m_guid, 0, true);
     const std::string tooMany = "L/0/64 (Error) CQVIPCLibraryImpl::connectThreadFunc (" + addr +
                                 "), server has too many clients";
