@@ -81,6 +81,7 @@ public:
         // The admin FIFO's fill level is read through a descriptor that never reads.
         m_adminProbe = open(path("-svr-admin").c_str(), O_RDONLY | O_NONBLOCK);
         probe();
+        requestPath();  // learns the good client's connect id, which admin inputs must spare
     }
 
     ~Live() {
