@@ -206,12 +206,29 @@ inline int takeFd(int& entry) { return __atomic_exchange_n(&entry, -1, __ATOMIC_
 // The per-slot words (peer connect id and pid) and the request id counter are read by the dump
 // and written by senders, the admin handling and the connect thread on other threads: they are
 // loaded and stored atomically too, and the members keep their designed unsigned long type.
+// The two highest-slot values are raised by the admin handling and the connect thread and
+// reset by finalize while the receive loops read them.
+inline int loadInt(const int& value) { return __atomic_load_n(&value, __ATOMIC_SEQ_CST); }
 inline unsigned long loadWord(const unsigned long& word) {
     return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 inline void storeWord(unsigned long& word, unsigned long value) {
     __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
 }
+
+// Counts one sender in a slot for as long as it lives; see m_sendsInFlight.
+class CSendGuard {
+public:
+    explicit CSendGuard(int& count) : m_count(count) {
+        __atomic_add_fetch(&m_count, 1, __ATOMIC_SEQ_CST);
+    }
+    ~CSendGuard() { __atomic_sub_fetch(&m_count, 1, __ATOMIC_SEQ_CST); }
+    CSendGuard(const CSendGuard&) = delete;
+    CSendGuard& operator=(const CSendGuard&) = delete;
+
+private:
+    int& m_count;
+};
 
 // Closes the descriptor an entry holds, if any, and marks the entry closed; safe to repeat.
 inline void closeFd(int& entry) {

@@ -210,9 +210,9 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         if (replyFd != -1) close(replyFd);
         if (fdId != 0) {
             closeFd(m_fdsRecvResponse[fdId]);
-            closeFd(m_fdsSendRequest[fdId]);
+            closeWriteEnd(takeFd(m_fdsSendRequest[fdId]), fdId);
             closeFd(m_fdsRecvRequest[fdId]);
-            closeFd(m_fdsSendResponse[fdId]);
+            closeWriteEnd(takeFd(m_fdsSendResponse[fdId]), fdId);
         }
         return hr;
     }
@@ -286,15 +286,27 @@ void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot) {
         }
     }
     if (recvRsp != -1) close(recvRsp);
-    if (sendReq != -1) close(sendReq);
+    closeWriteEnd(sendReq, slot);
     if (recvReq != -1) close(recvReq);
-    if (sendRsp != -1) close(sendRsp);
+    closeWriteEnd(sendRsp, slot);
+}
+
+void CQVIPCLibraryImpl::closeWriteEnd(int fd, unsigned long slot) {
+    if (fd == -1) return;
+    // The entry is -1 already, so no new sender takes the descriptor; one that took it before
+    // ends its write (a dead reader fails it at once, a send time-out bounds it). At shutdown
+    // nobody waits: finalize closes what is left.
+    while (__atomic_load_n(&m_sendsInFlight[slot], __ATOMIC_SEQ_CST) != 0 &&
+           m_shutdown.load() == 0) {
+        CPortable::Sleep(1);
+    }
+    close(fd);
 }
 
 void CQVIPCLibraryImpl::rebuildRequestSet() {
     FD_ZERO(&m_fdsetRecvRequest);
     m_fdmaxRecvRequest = 0;
-    for (int i = 0; i <= m_maxRequestSlot && i < QVIPC_MAX_SLOTS; ++i) {
+    for (int i = 0; i <= loadInt(m_maxRequestSlot) && i < QVIPC_MAX_SLOTS; ++i) {
         const int fd = loadFd(m_fdsRecvRequest[i]);
         if (fd == -1 || fd >= FD_SETSIZE) continue;
         FD_SET(fd, &m_fdsetRecvRequest);
@@ -305,7 +317,7 @@ void CQVIPCLibraryImpl::rebuildRequestSet() {
 void CQVIPCLibraryImpl::rebuildResponseSet() {
     FD_ZERO(&m_fdsetRecvResponse);
     m_fdmaxRecvResponse = 0;
-    for (int i = 0; i <= m_maxResponseSlot && i < QVIPC_MAX_SLOTS; ++i) {
+    for (int i = 0; i <= loadInt(m_maxResponseSlot) && i < QVIPC_MAX_SLOTS; ++i) {
         const int fd = loadFd(m_fdsRecvResponse[i]);
         if (fd == -1 || fd >= FD_SETSIZE) continue;
         FD_SET(fd, &m_fdsetRecvResponse);

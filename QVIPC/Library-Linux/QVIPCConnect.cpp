@@ -67,8 +67,8 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
             CPortable::Sleep(RECEIVER_POLL_MS);
         }
         // Slot 1's write ends go now; its read ends are made anew by every attempt below.
-        closeFd(m_fdsSendRequest[REQUEST_PIPE]);
-        closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+        closeWriteEnd(takeFd(m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
+        closeWriteEnd(takeFd(m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
         storeWord(m_slotConnectId[REQUEST_PIPE], 0);
         storeWord(m_slotPid[REQUEST_PIPE], 0);
 
@@ -268,8 +268,8 @@ void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
     }
     // The read ends stay until the next attempt replaces them, or until finalize: a receive
     // thread may be reading them, and only these two points are known to be safe.
-    closeFd(m_fdsSendRequest[REQUEST_PIPE]);
-    closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+    closeWriteEnd(takeFd(m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
+    closeWriteEnd(takeFd(m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
     storeWord(m_slotConnectId[REQUEST_PIPE], 0);
     storeWord(m_slotPid[REQUEST_PIPE], 0);
 }
@@ -277,7 +277,7 @@ void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
 void CQVIPCLibraryImpl::publishConnection() {
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        if (m_maxResponseSlot < REQUEST_PIPE) {
+        if (loadInt(m_maxResponseSlot) < REQUEST_PIPE) {
             __atomic_store_n(&m_maxResponseSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
         }
         const int fd = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);

@@ -116,6 +116,8 @@ public:
     bool makeClientReadEnds();
     int replaceClientReadEnd(const std::string& path, int* pEntry);
     void releaseClientReadEnds();
+    // Closes a write end taken out of its slot entry once no sender is still using it.
+    void closeWriteEnd(int fd, unsigned long slot);
     int openClientWriteEnd(const std::string& path, bool requestFifo, QVRESULT* pResult);
     QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
     void failedConnectAttempt(int* pFdSendAdmin);
@@ -174,6 +176,11 @@ public:
     // using; it closes them itself at its next select() copy (finalize closes what is left),
     // so no thread closes a descriptor another thread is reading. Guarded by m_pCritSec.
     std::vector<int> m_fdsDeferredClose;
+    // Per slot, the senders (sendRequest, sendResponse) between loading a write descriptor and
+    // the end of their write. A thread that closes a slot's write ends takes them out of the
+    // arrays first and waits for this count to drop, so a sender never writes into a
+    // descriptor number that was closed and reused meanwhile (a request into the wrong FIFO).
+    int m_sendsInFlight[QVIPC_MAX_SLOTS];
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

@@ -70,19 +70,21 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
 
     QVRESULT hr = waitInitialized();
     int fd = -1;
+    unsigned long slot = REQUEST_PIPE;
     if (hr == S_OK) {
         if (m_isServer != 0) {
             if (ipcid < 1 || ipcid >= m_maxConnections) {
                 hr = QVIPC_E_INVALID_ID;
             } else {
-                fd = loadFd(m_fdsSendRequest[ipcid]);
+                slot = ipcid;
             }
         } else if (ipcid != 0) {
             hr = QVIPC_E_INVALID_ID;
-        } else {
-            fd = loadFd(m_fdsSendRequest[REQUEST_PIPE]);
         }
     }
+    // Counted before the descriptor is loaded: whoever closes the slot waits for the write.
+    CSendGuard sending(m_sendsInFlight[slot]);
+    if (hr == S_OK) fd = loadFd(m_fdsSendRequest[slot]);
     if (hr == S_OK && fd == -1) {
         qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X) failed, ipcid %d, hr 0x%08X",
                    addr, static_cast<int>(ipcid), QVIPC_E_NO_PIPE);
@@ -157,8 +159,9 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
             }
             if (m_readyRequestCount == 0) continue;
         }
-        const int slot = nextReadySlot(&m_nextRequestSlot, &m_readyRequestCount,
-                                       m_fdsetRecvRequestReady, m_fdsRecvRequest, m_maxRequestSlot);
+        const int slot =
+            nextReadySlot(&m_nextRequestSlot, &m_readyRequestCount, m_fdsetRecvRequestReady,
+                          m_fdsRecvRequest, loadInt(m_maxRequestSlot));
         if (slot < 0) continue;
         if (slot == 0) {
             unsigned long newSlot = 0;
@@ -180,7 +183,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextRequestSlot > m_maxRequestSlot) m_nextRequestSlot = 0;
+    if (m_nextRequestSlot > loadInt(m_maxRequestSlot)) m_nextRequestSlot = 0;
 
     m_inReceiveRequest.store(0);
     qvTrace("<<<CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), id %d", addr,

@@ -26,11 +26,16 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
 
     QVRESULT hr = waitInitialized();
     int fd = -1;
+    const unsigned long slot = m_isServer != 0 && ipcid < m_maxConnections
+                                   ? ipcid
+                                   : static_cast<unsigned long>(REQUEST_PIPE);
+    // Counted before the descriptor is loaded: whoever closes the slot waits for the write.
+    CSendGuard sending(m_sendsInFlight[slot]);
     if (hr == S_OK) {
         if (ipcid >= m_maxConnections) {
             hr = QVIPC_E_INVALID_ID;
         } else {
-            fd = loadFd(m_fdsSendResponse[m_isServer != 0 ? ipcid : REQUEST_PIPE]);
+            fd = loadFd(m_fdsSendResponse[slot]);
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::sendResponse (0x%08X) failed, ipcid %d, hr "

@@ -87,7 +87,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     const bool pipeReadInSlot0 =
         m_adminResponsePipe[0] != -1 && loadFd(m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
 
-    for (int slot = 0; slot <= m_maxResponseSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(m_maxResponseSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvResponse[%d] %d", addr,
                 slot, loadFd(m_fdsRecvResponse[slot]));
         closeFd(m_fdsRecvResponse[slot]);
@@ -97,7 +97,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     }
     __atomic_store_n(&m_maxResponseSlot, -1, __ATOMIC_SEQ_CST);
 
-    for (int slot = 0; slot <= m_maxRequestSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvRequest[%d] %d", addr,
                 slot, loadFd(m_fdsRecvRequest[slot]));
         closeFd(m_fdsRecvRequest[slot]);
