@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
-COptions::COptions(std::string command, std::vector<COptionSpec> specs)
-    : m_command(std::move(command)), m_specs(std::move(specs)) {}
+COptions::COptions(std::string command, std::vector<COptionDef> defs)
+    : m_command(std::move(command)), m_defs(std::move(defs)) {}
 
 bool COptions::parse(int argc, char** argv, int first) {
     bool onlyPositional = false;
@@ -32,15 +32,15 @@ bool COptions::parse(int argc, char** argv, int first) {
         const size_t eq = arg.find('=');
         const std::string name =
             arg.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-        const COptionSpec* spec = nullptr;
-        for (const COptionSpec& s : m_specs) {
-            if (name == s.name) spec = &s;
+        const COptionDef* def = nullptr;
+        for (const COptionDef& s : m_defs) {
+            if (name == s.name) def = &s;
         }
-        if (spec == nullptr) {
+        if (def == nullptr) {
             usage("unknown option '--" + name + "' (see --help)");
             return false;
         }
-        if (!spec->takesValue) {
+        if (!def->takesValue) {
             if (eq != std::string::npos) {
                 usage("option '--" + name + "' takes no value");
                 return false;

@@ -13,7 +13,7 @@ constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;  // the operation failed, or a check said no
 constexpr int EXIT_USAGE = 2;   // bad arguments
 
-struct COptionSpec {
+struct COptionDef {
     const char* name;  // without the leading "--"
     bool takesValue;
 };
@@ -21,7 +21,7 @@ struct COptionSpec {
 class COptions {
 public:
     // command names the subcommand in messages ("ping", "json get").
-    COptions(std::string command, std::vector<COptionSpec> specs);
+    COptions(std::string command, std::vector<COptionDef> defs);
 
     // Parses argv[first..argc). False after printing the error line.
     bool parse(int argc, char** argv, int first);
@@ -49,7 +49,7 @@ public:
 
 private:
     std::string m_command;
-    std::vector<COptionSpec> m_specs;
+    std::vector<COptionDef> m_defs;
     std::map<std::string, std::string> m_values;
     std::vector<std::string> m_positional;
     bool m_bHelp = false;
