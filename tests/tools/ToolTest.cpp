@@ -453,9 +453,13 @@ TEST_F(ToolTest, PingFailsWhenTheServerIsKilled) {
     kill(serve.pid(), SIGKILL);
     EXPECT_EQ(128 + SIGKILL, serve.wait());
     EXPECT_EQ(1, ping.wait());
+    // Which of the client's readers sees the end of file first is a matter of scheduling: the
+    // response reader reports the broken connection; when the request reader wins, it starts the
+    // reconnect and the outstanding response is simply never answered.
     const std::string err = ping.err();
     EXPECT_TRUE(err == "qvipc ping: a response is missing: the connection broke (0xC1261009)\n" ||
-                err == "qvipc ping: a request could not be sent: 0xC1261014\n")
+                err == "qvipc ping: a request could not be sent: 0xC1261014\n" ||
+                err == "qvipc ping: a response is missing: no answer in time\n")
         << err;
 
     const CResult swept = RunTool({"sweep", "--guid", m_guid});
