@@ -192,6 +192,22 @@ inline bool isReadable(int fd) {
     return n == 1 && (p.revents & POLLNVAL) == 0;
 }
 
+// Whether a FIFO read end that has nothing to read saw a writer come and go since it was
+// opened. A fresh read end without a writer reads end of file as well, so read() alone cannot
+// tell "nobody has opened the other end yet" from "the writer died"; the kernel reports
+// POLLHUP only for the second.
+inline bool writerHungUp(int fd) {
+    pollfd p;
+    p.fd = fd;
+    p.events = POLLIN;
+    p.revents = 0;
+    int n;
+    do {
+        n = ::poll(&p, 1, 0);
+    } while (n < 0 && errno == EINTR);
+    return n == 1 && (p.revents & POLLHUP) != 0 && (p.revents & POLLIN) == 0;
+}
+
 // The endpoint's address as the "0x%08X" of every trace text shows it.
 inline unsigned traceAddr(const void* p) {
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));

@@ -230,6 +230,18 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
                 quiet = m_waitingConnectReply.load() != 0;
             }
             if (quiet && keepWaiting != 0) {
+                // The reply wait has no bound of its own. A server that opened this read end
+                // for its reply and is gone without writing one (killed after it took the
+                // CONNECT) will never answer: the attempt fails, so that the connect thread
+                // sends its CONNECT again, to the server's successor.
+                if (n == 0 && m_waitingConnectReply.load() != 0 && writerHungUp(fd)) {
+                    qvTrace(
+                        "CQVIPCLibraryImpl::receiveResponseOnClientPipe (0x%08X), server gone "
+                        "before its connect reply, id %d",
+                        addr, static_cast<int>(slot));
+                    hr = QVIPC_E_DISCONNECTED;
+                    break;
+                }
                 CPortable::Sleep(POLL_INTERVAL_MS);
                 continue;
             }

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <vector>
 
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
@@ -285,6 +287,47 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     serverLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_TRUE(serverLoop.connections().empty());
+}
+
+// A server killed after it took a CONNECT and opened the client's reply FIFO never answers. The
+// client must send its CONNECT again (to the server's successor) instead of waiting for that
+// reply until it finalizes. The test plays the dying server on an admin FIFO of its own.
+TEST_F(FaultTest, ClientConnectsAgainWhenItsServerDiesBeforeTheReply) {
+    const std::string admin = "/tmp/" + m_guid + "-svr-admin";
+    ASSERT_EQ(0, mknod(admin.c_str(), S_IFIFO | 0666, 0));
+    const int adminFd = open(admin.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_NE(-1, adminFd);
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+
+    auto nextRecord = [&](uint32_t* type, uint32_t* connectId, uint32_t* pid) {
+        char rec[72];
+        const bool got =
+            qvtest::WaitFor([&] { return read(adminFd, rec, sizeof rec) == 72; }, DEADLINE);
+        if (got) {
+            std::memcpy(type, rec, 4);
+            std::memcpy(connectId, rec + 8, 4);
+            std::memcpy(pid, rec + 12, 4);
+        }
+        return got;
+    };
+    uint32_t type = 0, connectId = 0, pid = 0;
+    ASSERT_TRUE(nextRecord(&type, &connectId, &pid));
+    ASSERT_EQ(1u, type);
+    const std::string replyPath =
+        "/tmp/" + m_guid + "-svr-rsp-" + std::to_string(connectId) + "-p" + std::to_string(pid);
+    const int replyFd = open(replyPath.c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_NE(-1, replyFd);
+    close(replyFd);  // the server dies here
+
+    uint32_t again = 0, againId = 0, againPid = 0;
+    ASSERT_TRUE(nextRecord(&again, &againId, &againPid));
+    EXPECT_EQ(2u, again);  // the failed attempt's DISCONNECT
+    ASSERT_TRUE(nextRecord(&again, &againId, &againPid));
+    EXPECT_EQ(1u, again);
+    EXPECT_EQ(connectId, againId);
+    EXPECT_EQ(S_OK, client->finalize());
+    close(adminFd);
 }
 
 // The server's internal pipe and admin read end must fit a select() set, or its receivers
