@@ -176,11 +176,8 @@ inline QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr) {
     return S_OK;
 }
 
-// Whether a read on fd would not block now (data, end of file, or an error to report). A
-// select() cycle serves its ready set over several calls; by the time a slot's turn comes its
-// descriptor may have been closed and its number reused for a FIFO with nothing to read, and a
-// blocking read() there would hold the receive loop, shutdown included.
-inline bool isReadable(int fd) {
+// The read events of fd right now (a poll() that does not wait); 0 when poll() fails.
+inline short readEventsNow(int fd) {
     pollfd p;
     p.fd = fd;
     p.events = POLLIN;
@@ -189,7 +186,16 @@ inline bool isReadable(int fd) {
     do {
         n = ::poll(&p, 1, 0);
     } while (n < 0 && errno == EINTR);
-    return n == 1 && (p.revents & POLLNVAL) == 0;
+    return n == 1 ? p.revents : 0;
+}
+
+// Whether a read on fd would not block now (data, end of file, or an error to report). A
+// select() cycle serves its ready set over several calls; by the time a slot's turn comes its
+// descriptor may have been closed and its number reused for a FIFO with nothing to read, and a
+// blocking read() there would hold the receive loop, shutdown included.
+inline bool isReadable(int fd) {
+    const short ev = readEventsNow(fd);
+    return ev != 0 && (ev & POLLNVAL) == 0;
 }
 
 // Whether a FIFO read end that has nothing to read saw a writer come and go since it was
@@ -197,15 +203,8 @@ inline bool isReadable(int fd) {
 // tell "nobody has opened the other end yet" from "the writer died"; the kernel reports
 // POLLHUP only for the second.
 inline bool writerHungUp(int fd) {
-    pollfd p;
-    p.fd = fd;
-    p.events = POLLIN;
-    p.revents = 0;
-    int n;
-    do {
-        n = ::poll(&p, 1, 0);
-    } while (n < 0 && errno == EINTR);
-    return n == 1 && (p.revents & POLLHUP) != 0 && (p.revents & POLLIN) == 0;
+    const short ev = readEventsNow(fd);
+    return (ev & POLLHUP) != 0 && (ev & POLLIN) == 0;
 }
 
 // The endpoint's address as the "0x%08X" of every trace text shows it.
