@@ -4,7 +4,7 @@
 set -euo pipefail
 
 want=(cmake make g++ gcc g++-multilib qemu-user libgtest-dev googletest clang
-      libclang-rt-14-dev clang-format "$@")
+      libclang-rt-14-dev clang-format valgrind "$@")
 missing=()
 for p in "${want[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite in the four configurations: default (RelWithDebInfo),
 # asan (AddressSanitizer + UndefinedBehaviorSanitizer), tsan (ThreadSanitizer) and i386 (-m32,
-# run under qemu-i386). Warnings are errors. Usage: scripts/test.sh [preset...]
+# run under qemu-i386), then valgrind memcheck over the unit tests and the mixed 32/64-bit check.
+# Warnings are errors. Usage: scripts/test.sh [preset...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,6 +27,14 @@ for p in "${presets[@]}"; do
         status=1
     fi
 done
+# Memory errors and leaks that the sanitizers' runs could miss (uninstrumented code paths, leaks
+# at exit of the unsanitized build).
+if [[ " ${presets[*]} " == *" default "* ]]; then
+    echo "== valgrind memcheck (build/default)"
+    if ! scripts/memcheck.sh build/default; then
+        status=1
+    fi
+fi
 # Mixed word sizes: a server from one build and clients from the other, both ways; needs both
 # builds (the default and the i386 one).
 if [ -d build/default ] && [ -d build/i386 ]; then
