@@ -60,16 +60,39 @@ std::string namedObjectFileName(const std::string& name) {
     return out;
 }
 
+int openInSharedDir(const std::string& path, int flags, mode_t type) {
+    // O_NOFOLLOW makes a link fail (ELOOP) instead of being opened, created or written
+    // through; fstat on the descriptor checks the very file that was opened, so a name swapped
+    // in between cannot slip past the check.
+    const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0666);
+    if (fd < 0) {
+        // open() itself refuses a directory for writing or creating; it is reported like any
+        // other file of the wrong kind.
+        if (errno == EISDIR) errno = EEXIST;
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || (st.st_mode & S_IFMT) != type) {
+        close(fd);
+        errno = EEXIST;  // the name is taken by something of another kind
+        return -1;
+    }
+    return fd;
+}
+
 int openNamedObjectFile(const std::string& path, int* pCreated) {
     *pCreated = 0;
+    // Non-blocking, so that a FIFO put in the file's place cannot hold the open up before it
+    // is refused; a regular file ignores the flag.
+    constexpr int FLAGS = O_RDWR | O_NONBLOCK;
     // Open first without O_CREAT: in a sticky world-writable directory the kernel may refuse
     // O_CREAT on another user's existing file. Then create exclusively, and on a lost race
     // open what the other process made.
     for (int attempt = 0; attempt < 100; ++attempt) {
-        int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        int fd = openInSharedDir(path, FLAGS, S_IFREG);
         if (fd >= 0) return fd;
         if (errno != ENOENT) return -1;
-        fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        fd = openInSharedDir(path, FLAGS | O_CREAT | O_EXCL, S_IFREG);
         if (fd >= 0) {
             fchmod(fd, 0666);  // the umask must not lock other users out
             *pCreated = 1;

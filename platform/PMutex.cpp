@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,7 +51,7 @@ int CPMutex::openLockFile() {
     int fd = openNamedObjectFile(m_strPath, &created);
     if (fd < 0 && errno == EACCES) {
         // A lock file made read-only by someone else still takes a lock when opened for reading.
-        fd = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        fd = openInSharedDir(m_strPath, O_RDONLY | O_NONBLOCK, S_IFREG);
     }
     return fd;
 }
