@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FifoFiles.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
@@ -31,7 +32,7 @@ std::string decimal(uint32_t value) {
 // A descriptor at or above FD_SETSIZE could never go into a select() set: it counts as a
 // failure (EMFILE), so the connect is refused cleanly and the client tries again later.
 int openServerReadEnd(CQVIPCLibraryImpl* self, const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    const int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
     if (fd == -1) return -1;
     if (fd >= FD_SETSIZE) {
         close(fd);
@@ -121,7 +122,7 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
             replyPath.c_str());
     int replyFd = -1;
     for (int tries = 0; tries < OPEN_REPLY_TRIES; ++tries) {
-        replyFd = open(replyPath.c_str(), O_WRONLY | O_NONBLOCK);
+        replyFd = openFifo(replyPath, O_WRONLY | O_NONBLOCK);
         if (replyFd != -1) break;
         // The 20 seconds of tries end early when the endpoint stops.
         if (!sleepUnlessShutdown(POLL_INTERVAL_MS)) break;
@@ -160,7 +161,7 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
                 const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
                 qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
                         sendReqPath.c_str());
-                const int sendReq = open(sendReqPath.c_str(), O_WRONLY | O_NONBLOCK);
+                const int sendReq = openFifo(sendReqPath, O_WRONLY | O_NONBLOCK);
                 if (sendReq == -1) {
                     qvLogError(
                         "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening "

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FifoFiles.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
@@ -100,7 +101,7 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
 // thread that holds that number keeps reading the same FIFO, never a closed or reused number.
 // Returns the descriptor, or -1 (logged) when the FIFO cannot be opened.
 int CQVIPCLibraryImpl::replaceClientReadEnd(const std::string& path, int* pEntry) {
-    int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
     if (fd == -1) {
         qvLogError(
             "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
@@ -160,7 +161,7 @@ int CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool requestF
             qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendResponse %s",
                     path.c_str());
         }
-        const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK);
+        const int fd = openFifo(path, O_WRONLY | O_NONBLOCK);
         if (fd != -1) {
             if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
             return fd;
@@ -187,7 +188,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     const std::string adminPath = pipenameServerAdmin();
     for (;;) {
         qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening fdSendAdmin %s", adminPath.c_str());
-        *pFdSendAdmin = open(adminPath.c_str(), O_WRONLY | O_NONBLOCK);
+        *pFdSendAdmin = openFifo(adminPath, O_WRONLY | O_NONBLOCK);
         if (*pFdSendAdmin != -1) break;
         traceAtErrorPriority(adminPath.c_str(), errno);
         if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;

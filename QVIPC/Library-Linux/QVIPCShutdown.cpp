@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FifoFiles.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/IDGen.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
@@ -46,7 +47,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     if (m_isServer != 0) {
         fd = loadFd(m_fdsSendRequest[0]);
     } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
-        fd = open(pipenameClientRequest(m_strConnectId, m_strPid).c_str(), writeFlags);
+        fd = openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags);
     }
     if (fd != -1) {
         if (m_pPipeIO->write(fd, requestWake, static_cast<int>(sizeof requestWake),
@@ -73,7 +74,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
             }
         }
     } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
-        fd = open(pipenameServerResponse(m_strConnectId, m_strPid).c_str(), writeFlags);
+        fd = openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags);
         if (fd != -1) {
             if (m_pPipeIO->write(fd, responseWake, static_cast<int>(sizeof responseWake),
                                  QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof responseWake)) {

@@ -2,11 +2,11 @@
 // FIFO and the internal pipe) or a client's four connection FIFOs and its connect thread. Runs
 // on the application's thread; m_pCritSec is held only while slot 0 enters the sets.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FifoFiles.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipenameRegistry.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
@@ -17,14 +17,11 @@ using namespace qvframe;
 
 namespace {
 
-constexpr mode_t FIFO_MODE = S_IFIFO | 0666;  // 0x11B6
-constexpr mode_t FILE_MODE = 0666;            // 0x1B6, whatever the umask
-
 // The internal pipe and the admin FIFO's read end go into the receivers' select() sets, which
 // hold only descriptors below FD_SETSIZE: a higher one could never wake its receiver, and
 // finalize would wait for ever for it. Such descriptors count as not made (EMFILE).
 int openAdminReadEnd(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+    const int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
     if (fd == -1 || fd < FD_SETSIZE) return fd;
     close(fd);
     errno = EMFILE;
@@ -44,14 +41,6 @@ bool makeInternalPipe(int (&fds)[2]) {
     fds[0] = made[0];
     fds[1] = made[1];
     return true;
-}
-
-// mknod, with EEXIST counting as success (the FIFO is reused, its mode set again). Returns
-// 0, or errno of the failed mknod.
-int makeFifo(const std::string& path) {
-    if (mknod(path.c_str(), FIFO_MODE, 0) != 0 && errno != EEXIST) return errno;
-    chmod(path.c_str(), FILE_MODE);
-    return 0;
 }
 
 }  // namespace
@@ -131,7 +120,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
             qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (write) %s", addr,
                     adminPath.c_str());
             const int flags = m_sendTimeout != QVIPC_NO_TIMEOUT ? O_WRONLY | O_NONBLOCK : O_WRONLY;
-            const int fd = open(adminPath.c_str(), flags);
+            const int fd = openFifo(adminPath, flags);
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::initialize, can't create send pipe %s, errno %d",
