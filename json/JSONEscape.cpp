@@ -1,4 +1,4 @@
-// String escaping for JSON text. The set of bytes that need escaping is a constant, so
+// String escaping for JSON text. The table of bytes that need escaping is a constant, so
 // first calls from several threads at once need no initialisation.
 #include "json/JSONEscape.h"
 
@@ -6,26 +6,14 @@
 #include <cstring>
 #include <string>
 
+#include "json/JSONTextSink.h"
+
 namespace {
 
 // True when text holds a byte that must be escaped.
 bool NeedsEscaping(const char* text) {
-    // The accept set of strpbrk: 0x01 to 0x1F, backslash, double quote, terminator.
-    static constexpr char szStopChar[34] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09,
-                                            0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F, 0x10, 0x11, 0x12,
-                                            0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1A, 0x1B,
-                                            0x1C, 0x1D, 0x1E, 0x1F, '\\', '"',  '\0'};
-    return std::strpbrk(text, szStopChar) != nullptr;
-}
-
-// The letter after the backslash for bytes with a two-byte escape, else null.
-const char* ShortEscape(unsigned char c) {
-    // Pairs of a byte and its letter.
-    static constexpr char szShort[] = "\"\"\\\\\bb\tt\nn\ff\rr";
-    for (const char* p = szShort; *p != '\0'; p += 2) {
-        if (static_cast<unsigned char>(*p) == c) return p + 1;
-    }
-    return nullptr;
+    const unsigned char* stop = JSON::text::SkipPlain(reinterpret_cast<const unsigned char*>(text));
+    return JSON::text::ESCAPE[*stop] != JSON::text::END;
 }
 
 }  // namespace
@@ -33,26 +21,8 @@ const char* ShortEscape(unsigned char c) {
 namespace JSON {
 
 void EscapeString(std::string& out, const char* text) {
-    static constexpr char szHex[] = "0123456789abcdef";
-
     if (text == nullptr) return;
-    if (!NeedsEscaping(text)) {
-        out.append(text);
-        return;
-    }
-    for (const char* p = text; *p != '\0'; ++p) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        const char* shortForm = ShortEscape(c);
-        if (shortForm != nullptr) {
-            out.push_back('\\');
-            out.push_back(*shortForm);
-        } else if (c < 0x20) {
-            const char escaped[6] = {'\\', 'u', '0', '0', szHex[c >> 4], szHex[c & 0x0F]};
-            out.append(escaped, sizeof escaped);
-        } else {
-            out.push_back(static_cast<char>(c));
-        }
-    }
+    text::EscapeRuns(text, [&out](const char* p, size_t n) { out.append(p, n); });
 }
 
 }  // namespace JSON
