@@ -7,8 +7,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 namespace {
@@ -121,7 +123,28 @@ unsigned long long CPortable::GetTickCountULL() {
            static_cast<unsigned long long>(ts.tv_nsec) / 1000000ull;
 }
 
-unsigned long CPortable::GetCurrentProcessId() { return static_cast<unsigned long>(getpid()); }
+namespace {
+
+// Every message header carries the sender's process id; the C library no longer caches it, so
+// each getpid() is a system call. The cache is cleared in a child after fork(). (A child made
+// by a raw clone() system call would keep its parent's value; the library makes none.)
+std::atomic<pid_t> g_cachedPid{0};
+std::once_flag g_forkHandlerOnce;
+
+void forgetPidInChild() { g_cachedPid.store(0, std::memory_order_relaxed); }
+
+}  // namespace
+
+unsigned long CPortable::GetCurrentProcessId() {
+    pid_t pid = g_cachedPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        std::call_once(g_forkHandlerOnce,
+                       [] { pthread_atfork(nullptr, nullptr, forgetPidInChild); });
+        pid = getpid();
+        g_cachedPid.store(pid, std::memory_order_relaxed);
+    }
+    return static_cast<unsigned long>(pid);
+}
 
 char* CPortable::itoa(int value, char* buf, int radix) {
     return formatSigned(value, static_cast<unsigned int>(value), radix, buf);

@@ -6,6 +6,7 @@
 #define QVIPC_LIBRARY_LINUX_FRAMING_H_
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -205,6 +206,25 @@ inline bool isReadable(int fd) {
 inline bool writerHungUp(int fd) {
     const short ev = readEventsNow(fd);
     return (ev & POLLHUP) != 0 && (ev & POLLIN) == 0;
+}
+
+// A FIFO holds 64 KiB by default, so a larger message crosses it in several rounds of
+// writer and reader waking each other. Before such a message the sender grows the FIFO to
+// hold it whole, up to 1 MiB (the most an unprivileged process may ask for); the size is the
+// pipe's own, invisible on the wire, and stays for the FIFO's later messages. A refusal (the
+// user's pipe memory is used up, or a kernel without the call) leaves the FIFO as it was.
+inline void fitPipeTo(int fd, size_t messageBytes) {
+    constexpr size_t DEFAULT_PIPE = 65536;
+    constexpr size_t MAX_PIPE = 1048576;
+    if (messageBytes <= DEFAULT_PIPE) return;
+    const int current = fcntl(fd, F_GETPIPE_SZ);
+    if (current < 0 || static_cast<size_t>(current) >= MAX_PIPE ||
+        static_cast<size_t>(current) >= messageBytes) {
+        return;
+    }
+    size_t want = DEFAULT_PIPE * 2;
+    while (want < messageBytes && want < MAX_PIPE) want *= 2;
+    (void)fcntl(fd, F_SETPIPE_SZ, static_cast<int>(want));
 }
 
 // The endpoint's address as the "0x%08X" of every trace text shows it.

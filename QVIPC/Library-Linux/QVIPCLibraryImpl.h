@@ -92,9 +92,10 @@ public:
     int selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady, int* pErr);
     // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
     // ready and still readable, and returns it; -1 when the cycle is used up, the cursor
-    // then being 0 so that the caller selects again.
+    // then being 0 so that the caller selects again. fresh: select() has just returned on this
+    // thread with nothing done since, so its first ready slot is taken as it stands.
     static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
-                             int maxSlot);
+                             int maxSlot, bool fresh);
     // Server admin handling of one CONNECT or DISCONNECT record.
     QVRESULT adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
                           unsigned long* pSlot);

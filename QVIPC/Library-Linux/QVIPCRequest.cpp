@@ -47,7 +47,7 @@ int CQVIPCLibraryImpl::selectOnCopy(const fd_set& master, const int& fdmax, fd_s
 }
 
 int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready,
-                                     const int* fds, int maxSlot) {
+                                     const int* fds, int maxSlot, bool fresh) {
     while (*pCursor != 0 || *pReadyCount > 0) {
         if (*pCursor > maxSlot) break;
         const int slot = (*pCursor)++;
@@ -55,7 +55,13 @@ int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_se
         if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &ready)) continue;
         const bool cycleOver = --*pReadyCount <= 0;
         if (cycleOver) *pCursor = 0;
-        if (isReadable(fd)) return slot;
+        // Later slots of a cycle are checked again: calls, connects and clean-ups in between
+        // may have closed their descriptors and reused the numbers. The request loop's first
+        // one, straight out of select(), needs no second look (one system call less per
+        // message): only that thread's own connect handling stores new descriptors in the
+        // request table, and it has not run since.
+        if (fresh || isReadable(fd)) return slot;
+        fresh = false;
         if (cycleOver) return -1;
     }
     *pCursor = 0;
@@ -112,6 +118,7 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
         iov[1].iov_base = const_cast<char*>(buf);
         iov[1].iov_len = h.bodySize;
         const int count = h.bodySize != 0 ? 2 : 1;
+        fitPipeTo(fd, sizeof header + h.bodySize);
         const int sent = m_pPipeIO->writev(fd, iov, count, m_sendTimeout);
         const int toSend = static_cast<int>(h.bodySize + sizeof header);
         if (sent < 0) {
@@ -142,10 +149,12 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
     while (!done) {
+        bool fresh = false;
         if (m_nextRequestSlot == 0) {
             int err = 0;
             m_readyRequestCount = selectOnCopy(m_fdsetRecvRequest, m_fdmaxRecvRequest,
                                                &m_fdsetRecvRequestReady, &err);
+            fresh = true;
             if (m_shutdown.load() != 0) {
                 hr = QVIPC_E_SHUTDOWN;
                 break;
@@ -161,7 +170,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
         }
         const int slot =
             nextReadySlot(&m_nextRequestSlot, &m_readyRequestCount, m_fdsetRecvRequestReady,
-                          m_fdsRecvRequest, loadInt(m_maxRequestSlot));
+                          m_fdsRecvRequest, loadInt(m_maxRequestSlot), fresh);
         if (slot < 0) continue;
         if (slot == 0) {
             unsigned long newSlot = 0;

@@ -61,6 +61,7 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         iov[1].iov_base = const_cast<char*>(buf);
         iov[1].iov_len = h.bodySize;
         const int count = h.bodySize != 0 ? 2 : 1;
+        fitPipeTo(fd, sizeof header + h.bodySize);
         if (m_pPipeIO->writev(fd, iov, count, m_sendTimeout) < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendResponse (0x%08X), writev failed %d", addr,
                        errno);
@@ -136,7 +137,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
         }
         const int maxSlot = __atomic_load_n(&m_maxResponseSlot, __ATOMIC_SEQ_CST);
         const int slot = nextReadySlot(&m_nextResponseSlot, &m_readyResponseCount,
-                                       m_fdsetRecvResponseReady, m_fdsRecvResponse, maxSlot);
+                                       m_fdsetRecvResponseReady, m_fdsRecvResponse, maxSlot, false);
         if (slot < 0) continue;
         if (slot == ADMINPIPE) {
             ResponseFrame drop;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -26,6 +27,10 @@ protected:
         m_fdsBefore = qvtest::CountOpenFds();
     }
     void TearDown() override {
+        // The endpoints' own account of a failure is the quickest way to its cause.
+        if (HasFailure()) {
+            for (const std::string& line : m_capture.lines()) fprintf(stderr, "%s\n", line.c_str());
+        }
         if (m_limitRaised) setrlimit(RLIMIT_NOFILE, &m_savedLimit);
         qvtest::RemoveGuidFiles(m_guid);
     }

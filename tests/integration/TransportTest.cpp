@@ -1,10 +1,14 @@
 // Server and clients as endpoints of this one process, with threads looping on the receive
 // calls: round trips both ways, many clients, fairness, shutdown while receivers block.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "tests/integration/IntegrationSupport.h"
@@ -141,6 +145,39 @@ TEST_F(TransportTest, LargeBodyArrivesWhole) {
     ASSERT_EQ(S_OK, pair.client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr));
     ASSERT_TRUE(pair.serverLoop->waitResult(S_OK, 1));
     EXPECT_TRUE(pair.serverLoop->results().back().body == body);
+}
+
+// The FIFO buffer of this process's descriptor on the path that starts with prefix; 0 if none.
+int PipeSizeOf(const std::string& prefix) {
+    for (int fd = 0; fd < 1024; ++fd) {
+        char link[512];
+        const std::string self = "/proc/self/fd/" + std::to_string(fd);
+        const ssize_t n = readlink(self.c_str(), link, sizeof link - 1);
+        if (n <= 0) continue;
+        link[n] = '\0';
+        if (std::string(link).rfind(prefix, 0) == 0) return fcntl(fd, F_GETPIPE_SZ);
+    }
+    return 0;
+}
+
+// Messages larger than a FIFO's default buffer grow it (to the next power of two, at most
+// 1 MiB); smaller ones leave it as it is. Bodies still arrive whole.
+TEST_F(TransportTest, LargeMessagesGrowTheirFifoUpToOneMebibyte) {
+    ConnectedPair pair(m_guid, 1, 0, false);
+    ASSERT_TRUE(pair.ok);
+    const std::string fifo = "/tmp/" + m_guid + "-svr-req-";
+    const int initial = PipeSizeOf(fifo);
+    ASSERT_GT(initial, 0);
+    size_t received = 0;
+    for (const auto& step : std::vector<std::pair<size_t, int>>{
+             {60000, initial}, {200000, 262144}, {5u << 20, 1048576}, {100, 1048576}}) {
+        const std::string body = Pattern(step.first, 5);
+        unsigned long id = 0;
+        ASSERT_EQ(S_OK, pair.client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr));
+        ASSERT_TRUE(pair.serverLoop->waitResult(S_OK, ++received));
+        EXPECT_TRUE(pair.serverLoop->results().back().body == body);
+        EXPECT_EQ(step.second, PipeSizeOf(fifo)) << step.first;
+    }
 }
 
 TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {

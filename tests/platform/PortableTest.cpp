@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -90,3 +92,17 @@ TEST(PortableTest, CreateThreadRunsDetachedWithItsNameCutToFifteenCharacters) {
 }
 
 }  // namespace
+
+// The process id is cached; a child made by fork() must still report its own.
+TEST(PortableTest, ProcessIdIsTheChildsOwnAfterFork) {
+    ASSERT_EQ(static_cast<unsigned long>(getpid()), CPortable::GetCurrentProcessId());
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        _exit(CPortable::GetCurrentProcessId() == static_cast<unsigned long>(getpid()) ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+}
