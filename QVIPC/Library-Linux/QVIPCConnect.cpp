@@ -122,6 +122,12 @@ int CQVIPCLibraryImpl::replaceClientReadEnd(const std::string& path, int* pEntry
 bool CQVIPCLibraryImpl::makeClientReadEnds() {
     const std::string rspPath = pipenameServerResponse(m_strConnectId, m_strPid);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvResponse %s", rspPath.c_str());
+    // Every attempt reads its reply from a FIFO made anew under the same name. The old one may
+    // still hold responses of the broken connection and the old server's write end; on a new
+    // FIFO the reply wait sees only what this attempt's server writes, and a write end that
+    // comes and goes there (poll()'s hang-up) can only be a server that died before replying.
+    // A FIFO that cannot be renewed is used as it is.
+    if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
     int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
     if (fd == -1) return false;
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvResponse[REQUEST_PIPE] %d", fd);
