@@ -3,6 +3,7 @@
 // path. The per-slot arrays are changed without a lock; the descriptor sets, their maxima and
 // the highest-slot values only under m_pCritSec, as the response receiver copies them.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -19,6 +20,15 @@
 using namespace qvframe;
 
 namespace {
+
+// Whether the process named by a CONNECT may still exist. Only a positive id is asked about
+// (kill() with 0 or a negative id would address whole process groups); any answer other than
+// "no such process" counts as alive, another user's process included.
+bool senderMayStillOpen(uint32_t pid) {
+    const pid_t p = static_cast<pid_t>(pid);
+    if (p <= 0) return true;
+    return kill(p, 0) == 0 || errno != ESRCH;
+}
 
 constexpr int OPEN_REPLY_TRIES = 100;
 
@@ -124,7 +134,15 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     for (int tries = 0; tries < OPEN_REPLY_TRIES; ++tries) {
         replyFd = openFifo(replyPath, O_WRONLY | O_NONBLOCK);
         if (replyFd != -1) break;
-        // The 20 seconds of tries end early when the endpoint stops.
+        // The 20 seconds of tries end early when the endpoint stops, and when the process that
+        // sent the CONNECT no longer exists: nobody will ever open that read end, and the
+        // request loop would serve no other client meanwhile. (A client killed between its
+        // CONNECT and the reply is enough.) The result is that of the tries running out.
+        if (!senderMayStillOpen(pid)) {
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, pid %d is gone",
+                    static_cast<int>(pid));
+            break;
+        }
         if (!sleepUnlessShutdown(POLL_INTERVAL_MS)) break;
     }
     if (replyFd == -1) {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -292,6 +293,29 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     serverLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_TRUE(serverLoop.connections().empty());
+}
+
+// A CONNECT whose sender died before the server could open its reply FIFO is given up as soon
+// as the process is known to be gone, not after the 20 seconds of open tries, so that the
+// clients queued behind it are served.
+TEST_F(FaultTest, ConnectFromAProcessThatIsGoneIsGivenUpAtOnce) {
+    const pid_t gone = fork();
+    ASSERT_NE(-1, gone);
+    if (gone == 0) _exit(0);
+    ASSERT_EQ(gone, waitpid(gone, nullptr, 0));
+
+    auto server = MakeServer(m_guid, 4);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    ASSERT_TRUE(WriteAdmin(m_guid, RequestRecord(1, 0, 900011, static_cast<uint32_t>(gone), 0, 0)));
+    ASSERT_TRUE(WaitLine(m_capture, "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe, pid " +
+                                        std::to_string(gone) + " is gone"));
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client, 48, false);
+    ASSERT_TRUE(serverLoop.waitConnections(1));
+    EXPECT_EQ(1u, serverLoop.connections()[0]);
+    ASSERT_TRUE(clientLoop.waitConnections(1));
 }
 
 // A server killed after it took a CONNECT and opened the client's reply FIFO never answers. The
