@@ -255,12 +255,15 @@ TEST_F(HostileTmpTest, ServerAnswersAConnectWhoseFifoIsOfAnotherKindWithTheDesig
 }
 
 TEST_F(HostileTmpTest, ClientConnectThreadNeitherOpensNorWritesThroughAnotherKind) {
-    // The read ends that the thread makes: refused, the attempt not begun.
+    // The read ends that the thread makes: refused, the attempt not begun. (The reply FIFO is
+    // made anew by every attempt; the request FIFO is used as found.)
     for (const Kind kind : NOT_A_FIFO) {
         ipctest::LineCapture capture;
         CQVIPCLibraryImpl client("t", newGuid(), 0, 0, 0, NO_TIMEOUT);
-        const std::string path =
-            client.pipenameServerResponse(client.m_strConnectId, client.m_strPid);
+        const std::string& cid = client.m_strConnectId;
+        const std::string& pid = client.m_strPid;
+        ASSERT_EQ(0, mknod(client.pipenameServerResponse(cid, pid).c_str(), S_IFIFO | 0666, 0));
+        const std::string path = client.pipenameClientRequest(cid, pid);
         SCOPED_TRACE(path + ", " + kindName(kind));
         plant(path, kind);
         EXPECT_FALSE(client.makeClientReadEnds());
