@@ -252,12 +252,25 @@ void ObjectValue::NameMap::UpdateName(const char* name) {
     bOwned = true;
 }
 
-bool ObjectValue::NameMap::Less(const NameMap& a, const NameMap& b) {
+namespace {
+
+// NameMap::Less, inline for the sort. The bytes are compared as strncmp does (unsigned, up to
+// a NUL), without a call per comparison: names are short and mostly differ early.
+inline bool NameLess(const ObjectValue::NameMap& a, const ObjectValue::NameMap& b) {
     if (a.nLength != b.nLength) return a.nLength < b.nLength;
-    // Equal lengths; a length of 0 may come with a null name, which strncmp must not see.
-    if (a.nLength <= 0) return false;
-    return strncmp(a.pName, b.pName, static_cast<size_t>(a.nLength)) < 0;
+    // Equal lengths; a length of 0 may come with a null name, which must not be read.
+    const auto* pa = reinterpret_cast<const unsigned char*>(a.pName);
+    const auto* pb = reinterpret_cast<const unsigned char*>(b.pName);
+    for (int32_t i = 0; i < a.nLength; ++i) {
+        if (pa[i] != pb[i]) return pa[i] < pb[i];
+        if (pa[i] == '\0') return false;
+    }
+    return false;
 }
+
+}  // namespace
+
+bool ObjectValue::NameMap::Less(const NameMap& a, const NameMap& b) { return NameLess(a, b); }
 
 ObjectValue::ObjectValue(int capacity) : CompositeValue(), m_members(capacity) {
     if (capacity > 0) m_names.reserve(static_cast<size_t>(capacity));
@@ -301,13 +314,22 @@ JSONValue* ObjectValue::GetByName(const char* name, int length) const {
 }
 
 void ObjectValue::Sort() const {
-    if (!m_names.empty()) std::sort(m_names.begin(), m_names.end(), NameMap::Less);
+    // Names already in strictly ascending order have exactly one sorted order, which the sort
+    // would reach too; with equal names the sort runs, since it may reorder them.
+    // Lambdas, not the function itself, so that the comparisons are inlined.
+    const auto less = [](const NameMap& a, const NameMap& b) { return NameLess(a, b); };
+    const auto notLess = [](const NameMap& a, const NameMap& b) { return !NameLess(a, b); };
+    if (std::adjacent_find(m_names.begin(), m_names.end(), notLess) != m_names.end()) {
+        std::sort(m_names.begin(), m_names.end(), less);
+    }
     // A parse cut off after a name leaves an entry whose ordinal has no member: skip it.
-    const int32_t members = static_cast<int32_t>(m_members.m_values.size());
+    // The back-links are index state like the names, kept current by this const operation.
+    auto& values = const_cast<std::vector<UnsafeJSONValue>&>(m_members.m_values);
+    const int32_t members = static_cast<int32_t>(values.size());
     for (size_t i = 0; i < m_names.size(); ++i) {
         const int32_t ordinal = m_names[i].nOrdinal;
         if (ordinal >= 0 && ordinal < members) {
-            m_members.GetByOrdinal(ordinal)->m_nNameIndex = static_cast<int32_t>(i);
+            values[static_cast<size_t>(ordinal)].m_nNameIndex = static_cast<int32_t>(i);
         }
     }
     m_bSorted = true;
