@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -225,6 +226,20 @@ inline void fitPipeTo(int fd, size_t messageBytes) {
     size_t want = DEFAULT_PIPE * 2;
     while (want < messageBytes && want < MAX_PIPE) want *= 2;
     (void)fcntl(fd, F_SETPIPE_SZ, static_cast<int>(want));
+}
+
+// Sends one message, its header and body in one writev() through the endpoint's writer (the
+// FIFO grown first when the message is large). Returns the writer's result.
+template <typename Writer>
+int writeMessage(Writer& writer, int fd, const unsigned char* header, size_t headerSize,
+                 const char* body, uint32_t bodySize, unsigned long timeout) {
+    iovec iov[2];
+    iov[0].iov_base = const_cast<unsigned char*>(header);
+    iov[0].iov_len = headerSize;
+    iov[1].iov_base = const_cast<char*>(body);
+    iov[1].iov_len = bodySize;
+    fitPipeTo(fd, headerSize + bodySize);
+    return writer.writev(fd, iov, bodySize != 0 ? 2 : 1, timeout);
 }
 
 // The endpoint's address as the "0x%08X" of every trace text shows it.

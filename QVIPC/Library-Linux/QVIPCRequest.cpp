@@ -112,14 +112,8 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
         buildRequest(header, h, headerExt, m_headerExtSize);
         qvTrace("CQVIPCLibraryImpl::sendRequest 0x%08X, fd %d", addr, fd);
 
-        iovec iov[2];
-        iov[0].iov_base = header;
-        iov[0].iov_len = sizeof header;
-        iov[1].iov_base = const_cast<char*>(buf);
-        iov[1].iov_len = h.bodySize;
-        const int count = h.bodySize != 0 ? 2 : 1;
-        fitPipeTo(fd, sizeof header + h.bodySize);
-        const int sent = m_pPipeIO->writev(fd, iov, count, m_sendTimeout);
+        const int sent =
+            writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout);
         const int toSend = static_cast<int>(h.bodySize + sizeof header);
         if (sent < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev failed %d", addr,

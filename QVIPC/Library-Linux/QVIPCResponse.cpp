@@ -55,14 +55,8 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         h.bodySize = static_cast<uint32_t>(len);
         buildResponse(header, h, headerExt, m_headerExtSize);
 
-        iovec iov[2];
-        iov[0].iov_base = header;
-        iov[0].iov_len = sizeof header;
-        iov[1].iov_base = const_cast<char*>(buf);
-        iov[1].iov_len = h.bodySize;
-        const int count = h.bodySize != 0 ? 2 : 1;
-        fitPipeTo(fd, sizeof header + h.bodySize);
-        if (m_pPipeIO->writev(fd, iov, count, m_sendTimeout) < 0) {
+        if (writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout) <
+            0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendResponse (0x%08X), writev failed %d", addr,
                        errno);
             hr = QVIPC_E_WRITE_RESPONSE;
