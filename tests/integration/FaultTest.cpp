@@ -278,6 +278,36 @@ TEST_F(FaultTest, FullFifoMakesTheSendFailAfterItsTimeOut) {
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
 }
 
+// A client that stops reading its responses costs the server's other clients no more than the
+// send time-out: the echo to it fails once its FIFO stays full for a second, and the server goes
+// on serving. (What the failed send leaves in that FIFO, a torn message, is that client's loss.)
+TEST_F(FaultTest, ClientThatStopsReadingCostsTheOthersOnlyTheSendTimeOut) {
+    auto server = MakeServer(m_guid, 4, 48, 1);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    auto client = MakeClient(m_guid, 48, 1);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client, 48, false);
+    ASSERT_TRUE(clientLoop.waitConnections(1));
+    RawClient slow(m_guid, 900015);
+    ASSERT_EQ(0u, slow.connect());
+    ASSERT_TRUE(serverLoop.waitConnections(2));
+
+    // Three 30000-byte requests: their echoes overfill the slow client's 64 KiB FIFO.
+    const std::string body(30000, 's');
+    for (uint32_t i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(slow.sendRaw(RequestRecord(3, 0x80000000u + i, 0, 0, 30000, 1) + body, false));
+    }
+    ASSERT_TRUE(WaitLine(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::sendResponse (" +
+                                        AddressOf(m_capture, m_guid, 1) + "), writev failed 11"));
+    unsigned long id = 0;
+    ASSERT_EQ(S_OK, client->sendRequest(0, "still served", 12, &id, 1, nullptr));
+    const Received r = ReceiveResponse(*client, 48);
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_EQ(id, r.requestId);
+    EXPECT_EQ("still served", r.body);
+}
+
 TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     auto server = MakeServer(m_guid, 4);
     ASSERT_EQ(S_OK, server->initialize());
