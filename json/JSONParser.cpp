@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <typeinfo>
 #include <vector>
 
 #include "json/JSONMessage.h"
@@ -157,6 +158,32 @@ void TakeNames(std::vector<ObjectValue::NameMap>& dst, Scratch& scratch, size_t 
     // NameMap type, which unoptimised builds then export.
     dst.reserve(dst.size() + count);
     for (size_t i = base; i < scratch.names.size(); ++i) dst.push_back(scratch.names[i]);
+    scratch.names.resize(base);
+}
+
+// A container of a type derived elsewhere gets its values and names through its own AddValue
+// and AddName, as if they had been added one by one.
+void GiveValues(CompositeValue& dst, Scratch& scratch, size_t base) {
+    for (size_t i = base; i < scratch.values.size(); ++i) {
+        Entry& e = scratch.values[i];
+        JSONValue v;
+        v.m_type = e.type;
+        v.m_pText = e.pText;
+        v.m_nLength = e.nLength;
+        v.m_pComposite = e.pComposite;
+        dst.AddValue(v);
+        e.pComposite = nullptr;  // dst owns it now
+    }
+    scratch.values.resize(base);
+}
+
+void GiveNames(ObjectValue& dst, Scratch& scratch, size_t base) {
+    for (size_t i = base; i < scratch.names.size(); ++i) {
+        JSONValue name;
+        name.m_pText = scratch.names[i].pName;
+        name.m_nLength = scratch.names[i].nLength;
+        dst.AddName(name);
+    }
     scratch.names.resize(base);
 }
 
@@ -325,8 +352,13 @@ Type ReadObject(ParseContext& ctx, ObjectValue& object, Scratch& scratch) {
     const size_t nameBase = scratch.names.size();
     const Type result = ReadMembers(ctx, object, scratch, nameBase);
     // A failed object keeps what was read, a name without its value included.
-    TakeNames(object.m_names, scratch, nameBase);
-    TakeValues(object.m_members.m_values, scratch, base);
+    if (typeid(object) == typeid(ObjectValue)) {
+        TakeNames(object.m_names, scratch, nameBase);
+        TakeValues(object.m_members.m_values, scratch, base);
+    } else {
+        GiveNames(object, scratch, nameBase);
+        GiveValues(object, scratch, base);
+    }
     if (result == TypeInvalid) return TypeInvalid;
     object.Sort();
     object.m_type = TypeObject;
@@ -370,7 +402,11 @@ Type ReadArray(ParseContext& ctx, ArrayValue& array, Scratch& scratch) {
     if (AtEnd(ctx)) return TypeInvalid;
     const size_t base = scratch.values.size();
     const Type result = ReadElements(ctx, scratch);
-    TakeValues(array.m_values, scratch, base);
+    if (typeid(array) == typeid(ArrayValue)) {
+        TakeValues(array.m_values, scratch, base);
+    } else {
+        GiveValues(array, scratch, base);
+    }
     array.m_type = result;
     return result;
 }
@@ -468,15 +504,8 @@ void StoreEntry(const Entry& e, JSONValue& value) {
 
 Type Parser::ParseJSONValue(ParseContext& ctx, CompositeValue& parent) {
     ScratchLease lease;
-    Scratch& scratch = lease.Get();
-    const Type result = ReadValue(ctx, scratch);
-    for (Entry& e : scratch.values) {
-        JSONValue v;
-        StoreEntry(e, v);
-        v.m_pComposite = e.pComposite;
-        parent.AddValue(v);
-        e.pComposite = nullptr;  // the parent owns it now
-    }
+    const Type result = ReadValue(ctx, lease.Get());
+    GiveValues(parent, lease.Get(), 0);
     return result;
 }
 

@@ -193,4 +193,45 @@ TEST(DomLongTextTest, ForeignContainerInATreeWritesItselfInPlace) {
     EXPECT_EQ(R"(","own":<tag>[7],"after":1})", text.substr(9011));
 }
 
+// Containers of an application's own types that watch what is added to them.
+class CountingArray : public JSON::ArrayValue {
+public:
+    void AddValue(JSON::JSONValue& v) override {
+        ++m_nAdded;
+        JSON::ArrayValue::AddValue(v);
+    }
+    int m_nAdded = 0;
+};
+
+class CountingObject : public JSON::ObjectValue {
+public:
+    void AddName(JSON::JSONValue& v) override {
+        m_strNames += std::string(v.m_pText, static_cast<size_t>(v.m_nLength)) + ";";
+        JSON::ObjectValue::AddName(v);
+    }
+    std::string m_strNames;
+};
+
+TEST(DomLongTextTest, ContainersOfDerivedTypesGetValuesThroughTheirOwnAdd) {
+    char arrayText[] = R"([1,[2,3],{"x":4}])";
+    JSON::ParseContext ctx;
+    ctx.pBegin = ctx.pCur = arrayText;
+    ctx.pEnd = arrayText + sizeof arrayText - 1;
+    CountingArray array;
+    EXPECT_EQ(JSON::TypeArray, JSON::Parser::ParseArray(ctx, array));
+    EXPECT_EQ(3, array.m_nAdded);
+    std::string out;
+    EXPECT_TRUE(array.Serialize(out));
+    EXPECT_EQ(R"([1,[2,3],{"x":4}])", out);
+
+    char objectText[] = R"({"b":1,"a":[2],"c":@})";
+    ctx.pBegin = ctx.pCur = objectText;
+    ctx.pEnd = objectText + sizeof objectText - 1;
+    CountingObject object;
+    EXPECT_EQ(JSON::TypeInvalid, JSON::Parser::ParseObject(ctx, object));
+    EXPECT_EQ("b;a;c;", object.m_strNames);
+    EXPECT_EQ(2, object.Size());
+    EXPECT_EQ(2, object.GetByName("a")->GetByOrdinal(0)->AsInt());
+}
+
 }  // namespace
