@@ -295,8 +295,10 @@ TEST_F(FaultTest, ClientThatStopsReadingCostsTheOthersOnlyTheSendTimeOut) {
 
     // Three 30000-byte requests: their echoes overfill the slow client's 64 KiB FIFO.
     const std::string body(30000, 's');
+    // Each goes once the server has taken the one before: the raw write end does not wait.
     for (uint32_t i = 1; i <= 3; ++i) {
         ASSERT_TRUE(slow.sendRaw(RequestRecord(3, 0x80000000u + i, 0, 0, 30000, 1) + body, false));
+        ASSERT_TRUE(serverLoop.waitResult(S_OK, i));
     }
     ASSERT_TRUE(WaitLine(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::sendResponse (" +
                                         AddressOf(m_capture, m_guid, 1) + "), writev failed 11"));
