@@ -206,9 +206,10 @@ constexpr std::array<unsigned char, 256> MakeNumberTable() {
 
 constexpr std::array<unsigned char, 256> NUMBER = MakeNumberTable();
 
-// The scanners return their Entry by value and no address of it is taken, so it stays in
-// registers: storing its fields one by one and reloading it whole stalls the store buffer.
-Entry ScanNumber(ParseContext& ctx) {
+// The scanners write into an entry already in place on the scratch stack: assembling one
+// elsewhere and copying it whole makes the CPU reload fields just stored piecewise, which
+// stalls it on every value.
+void ScanNumber(ParseContext& ctx, Entry& e) {
     char* p = ctx.pCur;
     // The last byte before pEnd is never taken, so the literal always has a byte after it.
     char* const last = ctx.pEnd - 1;
@@ -219,31 +220,39 @@ Entry ScanNumber(ParseContext& ctx) {
         seen |= kind;
         ++p;
     }
-    const Entry e{ctx.pCur, nullptr, static_cast<int32_t>(p - ctx.pCur),
-                  (seen & REAL_BYTE) != 0 ? TypeReal : TypeInteger};
+    e.pText = ctx.pCur;
+    e.nLength = static_cast<int32_t>(p - ctx.pCur);
+    e.type = (seen & REAL_BYTE) != 0 ? TypeReal : TypeInteger;
     ctx.pCur = p;
-    return e;
 }
 
-// The keyword's entry, or one of TypeInvalid with the text unchanged when it does not stand at
-// the cursor.
-Entry ScanKeyword(ParseContext& ctx, const Entry& unchanged, const char* word, int32_t length,
-                  Type type) {
+// Sets e to the keyword when it stands at the cursor; otherwise leaves e as it is.
+bool ScanKeyword(ParseContext& ctx, Entry& e, const char* word, int32_t length, Type type) {
     if (ctx.pEnd - ctx.pCur < length || memcmp(ctx.pCur, word, static_cast<size_t>(length)) != 0) {
-        return Entry{unchanged.pText, nullptr, unchanged.nLength, TypeInvalid};
+        return false;
     }
-    const Entry e{ctx.pCur, nullptr, length, type};
+    e.pText = ctx.pCur;
+    e.nLength = length;
+    e.type = type;
     ctx.pCur += length;
-    return e;
+    return true;
 }
 
-Entry ScanBoolean(ParseContext& ctx, const Entry& unchanged) {
-    const Entry e = ScanKeyword(ctx, unchanged, "true", 4, TypeBoolean);
-    return e.type != TypeInvalid ? e : ScanKeyword(ctx, unchanged, "false", 5, TypeBoolean);
+// e.type is TypeInvalid when neither keyword stands at the cursor.
+void ScanBoolean(ParseContext& ctx, Entry& e) {
+    e.type = TypeInvalid;
+    if (!ScanKeyword(ctx, e, "true", 4, TypeBoolean)) ScanKeyword(ctx, e, "false", 5, TypeBoolean);
 }
 
-Entry ScanNull(ParseContext& ctx, const Entry& unchanged) {
-    return ScanKeyword(ctx, unchanged, "null", 4, TypeNull);
+void ScanNull(ParseContext& ctx, Entry& e) {
+    e.type = TypeInvalid;
+    ScanKeyword(ctx, e, "null", 4, TypeNull);
+}
+
+// A new, empty entry on top of the scratch stack.
+Entry& NewEntry(Scratch& scratch) {
+    scratch.values.emplace_back();
+    return scratch.values.back();
 }
 
 Type ReadArray(ParseContext& ctx, ArrayValue& array, Scratch& scratch);
@@ -267,15 +276,11 @@ Type ReadContainer(ParseContext& ctx, Scratch& scratch,
 // the text or on a byte that starts no value nothing is added.
 Type ReadValue(ParseContext& ctx, Scratch& scratch) {
     if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
-    static constexpr Entry NONE{nullptr, nullptr, 0, TypeInvalid};
-    Entry e = NONE;
     switch (*ctx.pCur) {
         case '"': {
-            char* text = nullptr;
-            int32_t length = 0;
-            const Type type = ScanString(ctx, &text, &length);
-            e = Entry{text, nullptr, length, type};
-            break;
+            Entry& e = NewEntry(scratch);
+            e.type = ScanString(ctx, &e.pText, &e.nLength);
+            return e.type;
         }
         case '+':
         case '-':
@@ -288,16 +293,22 @@ Type ReadValue(ParseContext& ctx, Scratch& scratch) {
         case '6':
         case '7':
         case '8':
-        case '9':
-            e = ScanNumber(ctx);
-            break;
+        case '9': {
+            Entry& e = NewEntry(scratch);
+            ScanNumber(ctx, e);
+            return e.type;
+        }
         case 't':
-        case 'f':
-            e = ScanBoolean(ctx, NONE);
-            break;
-        case 'n':
-            e = ScanNull(ctx, NONE);
-            break;
+        case 'f': {
+            Entry& e = NewEntry(scratch);
+            ScanBoolean(ctx, e);
+            return e.type;
+        }
+        case 'n': {
+            Entry& e = NewEntry(scratch);
+            ScanNull(ctx, e);
+            return e.type;
+        }
         case '[':
             return ReadContainer<ArrayValue>(ctx, scratch, ReadArray);
         case '{':
@@ -305,8 +316,6 @@ Type ReadValue(ParseContext& ctx, Scratch& scratch) {
         default:
             return TypeInvalid;
     }
-    scratch.values.push_back(e);
-    return e.type;
 }
 
 Type ReadMembers(ParseContext& ctx, const ObjectValue& object, Scratch& scratch, size_t nameBase) {
@@ -318,13 +327,16 @@ Type ReadMembers(ParseContext& ctx, const ObjectValue& object, Scratch& scratch,
     }
     const size_t ordinalBase = object.m_names.size();
     for (;;) {
-        char* name = nullptr;
-        int32_t length = 0;
-        // Whatever byte stands here is taken as the opening quote.
-        if (ScanString(ctx, &name, &length) == TypeInvalid) return TypeInvalid;
+        // Scanned into its place on the stack, for the same reason as the values.
         const size_t ordinal = ordinalBase + (scratch.names.size() - nameBase);
-        scratch.names.push_back(
-            ObjectValue::NameMap{name, length, false, static_cast<int32_t>(ordinal)});
+        scratch.names.emplace_back();
+        ObjectValue::NameMap& name = scratch.names.back();
+        name.nOrdinal = static_cast<int32_t>(ordinal);
+        // Whatever byte stands here is taken as the opening quote.
+        if (ScanString(ctx, &name.pName, &name.nLength) == TypeInvalid) {
+            scratch.names.pop_back();
+            return TypeInvalid;
+        }
         if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
         if (*ctx.pCur != ':') return TypeInvalid;
         ++ctx.pCur;
@@ -525,18 +537,23 @@ Type Parser::ParseString(ParseContext& ctx, JSONValue& value) {
 }
 
 Type Parser::ParseNumber(ParseContext& ctx, JSONValue& value) {
-    StoreEntry(ScanNumber(ctx), value);
+    Entry e{nullptr, nullptr, 0, TypeInvalid};
+    ScanNumber(ctx, e);
+    StoreEntry(e, value);
     return value.m_type;
 }
 
 Type Parser::ParseBoolean(ParseContext& ctx, JSONValue& value) {
-    StoreEntry(ScanBoolean(ctx, Entry{value.m_pText, nullptr, value.m_nLength, TypeInvalid}),
-               value);
+    Entry e{value.m_pText, nullptr, value.m_nLength, TypeInvalid};
+    ScanBoolean(ctx, e);
+    StoreEntry(e, value);
     return value.m_type;
 }
 
 Type Parser::ParseNull(ParseContext& ctx, JSONValue& value) {
-    StoreEntry(ScanNull(ctx, Entry{value.m_pText, nullptr, value.m_nLength, TypeInvalid}), value);
+    Entry e{value.m_pText, nullptr, value.m_nLength, TypeInvalid};
+    ScanNull(ctx, e);
+    StoreEntry(e, value);
     return value.m_type;
 }
 
