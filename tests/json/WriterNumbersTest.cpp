@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -107,6 +110,45 @@ TEST(WriterNumbersTest, DoublesUseGeneralFormAndCutInsideBuffer) {
     EXPECT_EQ(end, &area[GUARD_BYTES]);
     EXPECT_EQ(*end, '\0');
     EXPECT_EQ(FormatGuarded(format, 0, area), nullptr);
+}
+
+// Doubles of moderate size take a path of their own; their texts must still be exactly the
+// C library's, at rounding ties, at the ends of the plain-decimal range and in short buffers.
+TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
+    std::vector<double> values = {
+        1e-4, 0.000099999995, 999999.5, 999999.49999999, 1e6, 123456.5, 0.1, 0.3, 2.5, 5e-5};
+    std::mt19937_64 rng(20261123);
+    std::uniform_real_distribution<double> decade(-6.0, 7.0);
+    for (int i = 0; i < 100000; ++i) values.push_back(std::pow(10.0, decade(rng)));
+    for (long d = 100000; d < 1000000; d += 997) {
+        for (int k = -10; k <= 0; ++k) {
+            const double tie = (static_cast<double>(d) + 0.5) * std::pow(10.0, k);
+            values.push_back(tie);
+            values.push_back(std::nextafter(tie, 0.0));
+            values.push_back(std::nextafter(tie, 1e300));
+        }
+    }
+    for (long d = 1; d < 2000000; d += 4999) {
+        for (int k = 0; k < 30; ++k) values.push_back(std::ldexp(static_cast<double>(d), -k));
+    }
+    for (double v : values) {
+        for (double sample : {v, -v}) {
+            char ours[32];
+            char theirs[32];
+            DoubleToStr(sample, ours, sizeof ours);
+            std::snprintf(theirs, sizeof theirs, "%g", sample);
+            ASSERT_STREQ(theirs, ours) << std::hexfloat << sample;
+        }
+    }
+    for (int size = 1; size <= 16; ++size) {
+        const Formatter format = [](char* b, int n) { return DoubleToStr(-0.000123457, b, n); };
+        std::string area;
+        char* end = FormatGuarded(format, size, area);
+        const std::string full = "-0.000123457";
+        const std::string kept = full.substr(0, std::min<size_t>(full.size(), size - 1));
+        EXPECT_EQ(kept, &area[GUARD_BYTES]) << size;
+        EXPECT_EQ(&area[GUARD_BYTES] + kept.size(), end) << size;
+    }
 }
 
 }  // namespace
