@@ -305,20 +305,36 @@ pid_t Spawn(const std::string& guid, int index, int clients, uint32_t seed) {
 
 }  // namespace
 
+// Runs `tool sweep --guid guid` (the qvipc tool) and waits for it; true when it exited 0.
+bool RunSweep(const std::string& tool, const std::string& guid) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl(tool.c_str(), tool.c_str(), "sweep", "--guid", guid.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
 int main(int argc, char** argv) {
     int seconds = 30;
     int clients = 8;
     uint32_t seed = static_cast<uint32_t>(time(nullptr));
     bool killConnecting = false;
+    std::string sweepTool;  // the qvipc tool: it sweeps /tmp at the end
     for (int i = 1; i + 1 < argc; i += 2) {
         if (strcmp(argv[i], "--seconds") == 0) seconds = atoi(argv[i + 1]);
         if (strcmp(argv[i], "--clients") == 0) clients = atoi(argv[i + 1]);
         if (strcmp(argv[i], "--seed") == 0) seed = static_cast<uint32_t>(atoll(argv[i + 1]));
         if (strcmp(argv[i], "--kill-connecting") == 0) killConnecting = atoi(argv[i + 1]) != 0;
+        if (strcmp(argv[i], "--sweep") == 0) sweepTool = argv[i + 1];
     }
     if (clients < 1 || clients > MAX_CLIENTS || seconds < 1) {
         fprintf(stderr,
-                "usage: chaos [--seconds N] [--clients 1..16] [--seed N] [--kill-connecting 1]\n");
+                "usage: chaos [--seconds N] [--clients 1..16] [--seed N] [--kill-connecting 1] "
+                "[--sweep QVIPC_TOOL]\n");
         return 2;
     }
     void* mem =
@@ -439,7 +455,9 @@ int main(int argc, char** argv) {
             checkReconnectAt = serverBackMs + RECONNECT_LIMIT_MS;
         } else {
             ++clientKills;
-            // A killed client leaves its four FIFOs behind; they are swept by its pid.
+            // A killed client leaves its four FIFOs behind; they are swept by its pid. (The
+            // tool's sweep would keep them while the server still holds them open, until its
+            // clean-up of the slot a second later.)
             rel::RemoveClientFifos(guid, victim.pid);
             g_shared->clients[index].lastConnectMs.store(0);
             victim.pid = -1;
@@ -477,6 +495,13 @@ int main(int argc, char** argv) {
     // What may stay: the admin FIFO (never removed) and the id counter's lock.
     const int left = rel::CountGuidFiles(guid);
     if (left > 2) fail(std::to_string(left) + " service entries left in /tmp");
+    if (!sweepTool.empty()) {
+        // Nobody uses the service any more: the sweep takes its admin FIFO too, and what stays
+        // is the id counter's lock, which is not a FIFO.
+        if (!RunSweep(sweepTool, guid)) fail("qvipc sweep failed");
+        const int swept = rel::CountGuidFiles(guid);
+        if (swept > 1) fail(std::to_string(swept) + " service entries left after qvipc sweep");
+    }
     rel::RemoveGuidFiles(guid);
     if (rel::CountGuidFiles(guid) != 0) fail("/tmp not clean");
     if (maxServerFds > SERVER_FD_LIMIT)
