@@ -108,28 +108,36 @@ long ResidentKiB(pid_t pid) {
     return kib;
 }
 
-Got ReceiveRequest(CQVIPCLibrary& lib) {
-    Got g;
+namespace {
+
+// One receive call through receive(&buf, &len, ext), whose other outputs land in g; the body
+// is copied into g and freed.
+template <typename Receive>
+Got Collect(Got& g, Receive receive) {
     char* buf = nullptr;
     unsigned long len = 0;
     char ext[EXT_SIZE] = {0};
-    g.hr = lib.receiveRequest(&g.ipcid, &g.id, &buf, &len, &g.type, ext);
+    g.hr = receive(&buf, &len, ext);
     if (buf != nullptr) g.body.assign(buf, len);
     delete[] buf;
     g.ext.assign(ext, EXT_SIZE);
     return g;
 }
 
+}  // namespace
+
+Got ReceiveRequest(CQVIPCLibrary& lib) {
+    Got g;
+    return Collect(g, [&](char** buf, unsigned long* len, char* ext) {
+        return lib.receiveRequest(&g.ipcid, &g.id, buf, len, &g.type, ext);
+    });
+}
+
 Got ReceiveResponse(CQVIPCLibrary& lib) {
     Got g;
-    char* buf = nullptr;
-    unsigned long len = 0;
-    char ext[EXT_SIZE] = {0};
-    g.hr = lib.receiveResponse(&g.ipcid, &buf, &len, &g.id, ext);
-    if (buf != nullptr) g.body.assign(buf, len);
-    delete[] buf;
-    g.ext.assign(ext, EXT_SIZE);
-    return g;
+    return Collect(g, [&](char** buf, unsigned long* len, char* ext) {
+        return lib.receiveResponse(&g.ipcid, buf, len, &g.id, ext);
+    });
 }
 
 QVRESULT AnswerRequest(CQVIPCLibrary& lib, const Got& request) {
