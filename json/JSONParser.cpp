@@ -356,6 +356,9 @@ Type ReadMembers(ParseContext& ctx, const ObjectValue& object, Scratch& scratch,
 
 Type ReadObject(ParseContext& ctx, ObjectValue& object, Scratch& scratch) {
     object.m_type = TypeInvalid;
+    // The object may come sorted (a message root that is cleared and reused keeps its flag);
+    // the names read now are unsorted until the object ends, and a failed read never ends it.
+    object.m_bSorted = false;
     DepthGuard depth(ctx);
     if (depth.TooDeep()) return TypeInvalid;
     ++ctx.pCur;  // '{'

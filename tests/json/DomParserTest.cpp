@@ -155,6 +155,25 @@ TEST(DomParserTest, ReparseReusesOrReplacesTheRoot) {
     EXPECT_EQ("[3]", Text(m));
 }
 
+// A root that was looked up (its names sorted) and then reused by a parse that fails must
+// answer lookups, updates and serialization as a fresh message given the same text does.
+TEST(DomParserTest, FailedParseIntoASortedRootActsAsIntoAFreshOne) {
+    for (const char* text : {R"({"b":1,"a":2,"c":3,"d":)", R"({"b":1,"a":2,"c":tru})"}) {
+        SCOPED_TRACE(text);
+        JSON::Message fresh;
+        JSON::Message reused;
+        ASSERT_TRUE(reused.Parse(R"({"x":1})"));
+        ASSERT_EQ(1, reused["x"].AsInt());
+        EXPECT_FALSE(fresh.Parse(text));
+        EXPECT_FALSE(reused.Parse(text));
+        EXPECT_EQ(2, reused["a"].AsInt());
+        EXPECT_EQ(Text(fresh), Text(reused));
+        fresh.Set("a", 9);
+        reused.Set("a", 9);
+        EXPECT_EQ(Text(fresh), Text(reused));
+    }
+}
+
 TEST(DomParserTest, NestingBeyondTheBoundFailsWithoutCrashing) {
     const int limit = JSON::Parser::MAX_DEPTH;
     const std::string ok = std::string(limit, '[') + std::string(limit, ']');
