@@ -605,7 +605,10 @@ bool Message::Parse(const char* text, int length) {
         root = m_pComposite = new ObjectValue(0);
     }
     m_type = isArray ? TypeArray : TypeObject;
-    Scratch scratch;
+    // The lease, not a bare stack: an allocation failure leaves the containers still open on
+    // the stack, and only the lease releases them.
+    ScratchLease lease;
+    Scratch& scratch = lease.Get();
     const Type result = isArray ? ReadArray(m_context, *static_cast<ArrayValue*>(root), scratch)
                                 : ReadObject(m_context, *static_cast<ObjectValue*>(root), scratch);
     return result != TypeInvalid;
