@@ -63,10 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           text, false);
 
     const long l = Take<long>(data, size);
-    // long and unsigned long are formatted as 32-bit words on every target.
-    std::snprintf(text, sizeof text, "%d", static_cast<int>(static_cast<uint32_t>(l)));
+    std::snprintf(text, sizeof text, "%ld", l);
     Check([l](char* b, int n) { return LongToStr(l, b, n); }, text, false);
-    std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(l));
+    std::snprintf(text, sizeof text, "%lu", static_cast<unsigned long>(l));
     Check([l](char* b, int n) { return UnsignedLongToStr(static_cast<unsigned long>(l), b, n); },
           text, false);
 

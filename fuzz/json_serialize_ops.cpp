@@ -224,9 +224,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 13: {
-                // unsigned long is written as a 32-bit word on every target.
                 const unsigned long v = in.Number<unsigned long>();
-                std::snprintf(number, sizeof number, "%u", static_cast<unsigned>(v));
+                std::snprintf(number, sizeof number, "%lu", v);
                 w.V(v);
                 m.Value(number);
                 break;

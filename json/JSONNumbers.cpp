@@ -134,16 +134,15 @@ char* IntToStr(int value, char* buf, int size) {
     return FormatSigned<int, unsigned int>(value, buf, size);
 }
 
-// long and unsigned long are formatted as the 32-bit words they are on the 32-bit target, on
-// every target: a value above 32 bits keeps its low 32 bits (taken as signed by LongToStr), so a
-// connect id of 2^31 or more prints negative on x86-64 too and 14 bytes always suffice.
+// long and unsigned long are formatted at their own width: on x86-64 int64_t, uint64_t and
+// size_t are these types, and cutting them to 32 bits would lose data silently. Callers that
+// mean a 32-bit word convert to it first.
 char* LongToStr(long value, char* buf, int size) {
-    const int32_t word = static_cast<int32_t>(static_cast<uint32_t>(value));
-    return FormatSigned<int32_t, uint32_t>(word, buf, size);
+    return FormatSigned<long, unsigned long>(value, buf, size);
 }
 
 char* UnsignedLongToStr(unsigned long value, char* buf, int size) {
-    return FormatMagnitude<uint32_t>(static_cast<uint32_t>(value), false, buf, size);
+    return FormatMagnitude<unsigned long>(value, false, buf, size);
 }
 
 char* Long64ToStr(long long value, char* buf, int size) {

@@ -19,8 +19,8 @@ extern "C" {
 // leading zeros; 0 gives "0". The most negative values give their exact texts,
 // "-2147483648" and "-9223372036854775808". Room needed: digits + sign + terminator, so 12
 // bytes cover any 32-bit value and 21 bytes any 64-bit value. LongToStr and UnsignedLongToStr
-// format 32-bit words on every target: where long is 64 bits wide they take its low 32 bits
-// (LongToStr as signed), so their texts are the same on the 32-bit and the 64-bit build.
+// write the whole value of their type, which is 64 bits wide on x86-64: a value that fits 32
+// bits gives the same text on both targets, a wider one is never cut.
 // - size < 1: nothing is written, the result is NULL.
 // - size >= 1 but the text does not fit: buf holds the empty text (buf[0] is NUL) and the
 //   result is NULL; a cut number would be a different number.

@@ -13,11 +13,12 @@ namespace JSON {
 namespace {
 
 // Buffer sizes of the numeric values: room for any "%g" text, any 64-bit and any 32-bit
-// decimal text with sign and terminator. long and unsigned long are written as 32-bit words
-// (see JSONNumbers.h), so they take the 32-bit size.
+// decimal text with sign and terminator. long and unsigned long are written whole, so they
+// take the 64-bit size where they are 64 bits wide and the designed 14 bytes where they are not.
 constexpr int DOUBLE_BUFFER_SIZE = 32;
 constexpr int LONG64_BUFFER_SIZE = 28;
 constexpr int INT_BUFFER_SIZE = 14;
+constexpr int LONG_BUFFER_SIZE = sizeof(long) > 4 ? LONG64_BUFFER_SIZE : INT_BUFFER_SIZE;
 
 // Formats value in a stack buffer and hands the text to the writer.
 template <int SIZE, typename T>
@@ -181,12 +182,12 @@ Serialize& Serialize::V(long long value) {
 }
 
 Serialize& Serialize::V(unsigned long value) {
-    AppendNumber<INT_BUFFER_SIZE>(*this, value, UnsignedLongToStr);
+    AppendNumber<LONG_BUFFER_SIZE>(*this, value, UnsignedLongToStr);
     return *this;
 }
 
 Serialize& Serialize::V(long value) {
-    AppendNumber<INT_BUFFER_SIZE>(*this, value, LongToStr);
+    AppendNumber<LONG_BUFFER_SIZE>(*this, value, LongToStr);
     return *this;
 }
 

@@ -50,18 +50,20 @@ JSONValue& JSONValue::Result(JSONValue* p) {
 namespace {
 
 // The text of a number as the updates store it, formatted with the buffer sizes the writer
-// uses: 32 bytes for doubles, 28 for 64-bit and 14 for 32-bit integers.
+// uses: 32 bytes for doubles, 28 for 64-bit and 14 for 32-bit integers; long takes the size of
+// its width, as it is stored whole.
 class NumberText {
 public:
     explicit NumberText(double v) { DoubleToStr(v, m_buf, 32); }
     explicit NumberText(unsigned long long v) { UnsignedLong64ToStr(v, m_buf, 28); }
     explicit NumberText(long long v) { Long64ToStr(v, m_buf, 28); }
-    explicit NumberText(unsigned long v) { UnsignedLongToStr(v, m_buf, 14); }
-    explicit NumberText(long v) { LongToStr(v, m_buf, 14); }
+    explicit NumberText(unsigned long v) { UnsignedLongToStr(v, m_buf, LONG_SIZE); }
+    explicit NumberText(long v) { LongToStr(v, m_buf, LONG_SIZE); }
     explicit NumberText(int v) { IntToStr(v, m_buf, 14); }
     const char* Get() const { return m_buf; }
 
 private:
+    static constexpr int LONG_SIZE = sizeof(long) > 4 ? 28 : 14;
     char m_buf[32] = {};
 };
 

@@ -105,10 +105,10 @@ void CParamsX::addParam(const std::string& value) { addEncoded(value.data(), val
 void CParamsX::addParam(int value) { addEncoded(value != 0 ? "T" : "F", 1); }
 
 void CParamsX::addParam(long value) {
-    // "%d" of the value as an int: the 32-bit word that a long is on the 32-bit target, so
-    // both targets write the same text (a long beyond 32 bits keeps its low 32 bits).
+    // The decimal text of the whole long: what "%d" writes for a value that fits 32 bits, and
+    // on x86-64 every digit of a wider one, which getLongParamAt reads back.
     char buf[63];
-    const int n = snprintf(buf, sizeof buf, "%d", static_cast<int>(value));
+    const int n = snprintf(buf, sizeof buf, "%ld", value);
     addEncoded(buf, static_cast<unsigned long>(n));
 }
 

@@ -38,7 +38,7 @@ public:
     void addHeader(std::string header);
     void addParam(const std::string& value);
     void addParam(int value);   // a BOOL: "T" when nonzero, "F" when zero
-    void addParam(long value);  // "%d" of the value as an int
+    void addParam(long value);  // decimal, the whole value ("%ld")
     void addParam(unsigned long long value);
     // Appends hr as "0x%08X"; added first, where getHRESULT looks for it.
     void addResult(long hr);

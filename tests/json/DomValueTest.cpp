@@ -173,11 +173,12 @@ TEST(DomValueTest, SetBuildsAndReplacesValues) {
     m.Set("ul", 4294967295ul);
     m.Set("ui", 7u);
     m.Set("ll", -9223372036854775807LL - 1);
+    m.Set("ts", int64_t{1700000000000});  // long or long long by target, whole either way
     m.Set("f", false);
     m.Set("n", static_cast<const char*>(nullptr));
     EXPECT_EQ(
         R"({"o":"flat","s":null,"d":2.5,"u":18446744073709551615,"l":-5,"ul":4294967295,"ui":7,)"
-        R"("ll":-9223372036854775808,)"
+        R"("ll":-9223372036854775808,"ts":1700000000000,)"
         R"("f":false,"n":""})",
         Text(m));
     EXPECT_EQ(JSON::TypeReal, m.Set("r", 3.0).m_type);  // a double stays real without a '.'

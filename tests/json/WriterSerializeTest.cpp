@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -57,6 +58,13 @@ TEST(WriterSerializeTest, WritesCompactText) {
              w.AO().V(INT_MIN).V(LLONG_MIN).V(ULLONG_MAX).V(-2147483647L).V(4000000000U).AC();
          },
          "[-2147483648,-9223372036854775808,18446744073709551615,-2147483647,4000000000]"},
+        // The fixed-width types pick long or long long by target; either way they are whole.
+        {"64-bit and size types",
+         [](JSON::Serialize& w) {
+             w.AO().V(int64_t{10000000000}).V(INT64_MIN).V(UINT64_MAX).V(SIZE_MAX).AC();
+         },
+         "[10000000000,-9223372036854775808,18446744073709551615," + std::to_string(SIZE_MAX) +
+             "]"},
         {"containers as members and elements",
          [](JSON::Serialize& w) {
              w.OO().N("a").OO().OC().N("b").AO().OO().N("c").V(0).OC().AO().AC().AC().OC();
