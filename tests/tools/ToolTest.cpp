@@ -275,13 +275,17 @@ TEST_F(ToolTest, JsonSubcommandsOnBrokenDocuments) {
     const Case cases[] = {
         {"", "empty document"},
         {"  \n", "empty document"},
-        {"42", "the document is not an object or an array (byte 0)"},
-        {"{\"a\":}", "not valid JSON (reading stopped at byte 5)"},
+        {"42", "the document is not an object or an array (line 1, column 1, byte 0)"},
+        {"{\"a\":}", "not valid JSON (reading stopped at line 1, column 6, byte 5)"},
         {"{\"a\":1,", "the document ends before its closing bracket"},
-        {"{\"a\":[1,2]", "not valid JSON (reading stopped at byte 10)"},
-        {"{\"a\":\"}\"", "not valid JSON (reading stopped at byte 8)"},
-        {"{\"a\":[1,2]}}", "unexpected data after the document (byte 11)"},
-        {"{\"a\":1} {", "unexpected data after the document (byte 8)"},
+        {"{\"a\":[1,2]", "not valid JSON (reading stopped at line 1, column 11, byte 10)"},
+        {"{\"a\":\"}\"", "not valid JSON (reading stopped at line 1, column 9, byte 8)"},
+        {"{\"a\":[1,2]}}", "unexpected data after the document (line 1, column 12, byte 11)"},
+        {"{\"a\":1} {", "unexpected data after the document (line 1, column 9, byte 8)"},
+        // Columns count characters: the two-byte letter and the tab are one column each.
+        {"[1,\n\t\"\xc3\xa9\", x]",
+         "not valid JSON (reading stopped at line 2, column 7, byte 11)"},
+        {"{}\n\n  x", "unexpected data after the document (line 3, column 3, byte 6)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.doc);
