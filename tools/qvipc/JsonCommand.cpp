@@ -25,8 +25,8 @@ const char HELP[] =
     "          decimal ordinals in arrays): a string as its text, a number, true, false\n"
     "          or null as written, an object or array as compact JSON; exit status 1\n"
     "          when nothing is there\n"
-    "  check   prints \"valid\" and exits 0, or says where the document is broken and\n"
-    "          exits 1\n";
+    "  check   prints \"valid\" and exits 0, or says where the document is broken (line\n"
+    "          and column from 1, and the byte offset from 0) and exits 1\n";
 
 bool ReadAll(FILE* in, std::string* text) {
     char buf[65536];
@@ -57,6 +57,23 @@ bool ReadDocument(const COptions& opts, const std::string& path, std::string* te
 }
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
+
+// Where byte offset at lies, as editors show it: "line L, column C, byte B", line and column
+// from 1. The column counts characters, not bytes (UTF-8 continuation bytes add nothing), so
+// that it matches what the reader sees on screen; the byte offset is there for tools.
+std::string Where(const std::string& text, size_t at) {
+    size_t line = 1, column = 1;
+    for (size_t i = 0; i < at && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            column = 1;
+        } else if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
+            ++column;
+        }
+    }
+    return "line " + std::to_string(line) + ", column " + std::to_string(column) + ", byte " +
+           std::to_string(at);
+}
 
 // Where the root that opens at start closes (one past its bracket), or npos when the text ends
 // first. Strings are skipped with their escapes, so brackets inside them do not count.
@@ -97,7 +114,7 @@ bool ParseDocument(const std::string& text, JSON::Message* msg, std::string* why
         return false;
     }
     if (text[start] != '{' && text[start] != '[') {
-        *why = "the document is not an object or an array (byte " + std::to_string(start) + ")";
+        *why = "the document is not an object or an array (" + Where(text, start) + ")";
         return false;
     }
     const bool ok = msg->Parse(text.data(), static_cast<int>(text.size()));
@@ -106,7 +123,7 @@ bool ParseDocument(const std::string& text, JSON::Message* msg, std::string* why
                           ? static_cast<size_t>(ctx.pCur - ctx.pBegin)
                           : 0;
     if (!ok) {
-        *why = "not valid JSON (reading stopped at byte " + std::to_string(at) + ")";
+        *why = "not valid JSON (reading stopped at " + Where(text, at) + ")";
         return false;
     }
     size_t end = RootEnd(text, start);
@@ -116,7 +133,7 @@ bool ParseDocument(const std::string& text, JSON::Message* msg, std::string* why
     }
     while (end < text.size() && IsBlank(text[end])) ++end;
     if (end < text.size()) {
-        *why = "unexpected data after the document (byte " + std::to_string(end) + ")";
+        *why = "unexpected data after the document (" + Where(text, end) + ")";
         return false;
     }
     return true;

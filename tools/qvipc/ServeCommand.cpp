@@ -262,9 +262,10 @@ void CEchoServer::onDisconnected(unsigned long slot) {
 }
 
 void CEchoServer::checkConnections() {
-    const std::vector<CLiveConnection> live = LiveConnections(m_endpoint);
+    // The dump is taken under the lock: one taken before it could miss a connection that the
+    // request thread records meanwhile, and drop it as gone.
     std::lock_guard<std::mutex> lock(m_mutex);
-    pruneLocked(live);
+    pruneLocked(LiveConnections(m_endpoint));
 }
 
 void CEchoServer::printDump() {
