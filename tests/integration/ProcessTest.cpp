@@ -34,23 +34,6 @@ protected:
     std::vector<std::unique_ptr<Peer>> m_peers;
 };
 
-// One round trip from a client once it is connected.
-void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body) {
-    unsigned long id = 0;
-    QVRESULT hr = S_OK;
-    ASSERT_TRUE(qvtest::WaitFor(
-        [&] {
-            hr = client.sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
-            return hr != QVIPC_E_NO_PIPE;
-        },
-        DEADLINE));
-    ASSERT_EQ(S_OK, hr);
-    const Received r = ReceiveResponse(client, 48);
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ(id, r.requestId);
-    EXPECT_TRUE(r.body == body);
-}
-
 TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
     {
         auto client = MakeClient(m_guid);
