@@ -341,15 +341,11 @@ void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
         return;
     }
 
-    // Server: the client of this slot vanished without a DISCONNECT. The slot's descriptors
-    // leave both sets before they are closed.
-    closeServerSlot(id);
-    for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
-        if (it->first == loadWord(m_slotConnectId[id]) && it->second == id) {
-            m_connectIdMap.erase(it);
-            break;
-        }
-    }
+    // Server: the client of this slot vanished without a DISCONNECT, or the reconnect command
+    // drops it, on the caller's thread. The slot's descriptors leave both sets before they are
+    // closed; the request receiver, which may be admitting a client meanwhile, meets the slot
+    // either whole or free.
+    closeServerSlot(id, false);
     RequestFrame internal;
     RequestHeader h;
     h.type = QVIPC_REQUEST_INTERNAL;

@@ -20,7 +20,12 @@ namespace {
 
 constexpr time_t SELECT_TIMEOUT_SEC = 9999999;  // acts as no time-out
 
+// The server whose receiveRequest runs on this thread, if any.
+thread_local const CQVIPCLibraryImpl* t_requestReceiverOf = nullptr;
+
 }  // namespace
+
+bool CQVIPCLibraryImpl::onRequestReceiver() const { return t_requestReceiverOf == this; }
 
 QVRESULT CQVIPCLibraryImpl::waitInitialized() {
     while (m_initialized.load() == 0) {
@@ -139,6 +144,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     const unsigned addr = traceAddr(this);
     qvTrace("CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X)", addr);
     m_inReceiveRequest.store(1);
+    t_requestReceiverOf = this;
 
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
@@ -148,6 +154,9 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
             int err = 0;
             m_readyRequestCount = selectOnCopy(m_fdsetRecvRequest, m_fdmaxRecvRequest,
                                                &m_fdsetRecvRequestReady, &err);
+            // Read ends of slots that another thread freed while this one might use them are
+            // closed now: the scan below looks at descriptors only through the slot entries.
+            closeDeferredFds(m_fdsDeferredCloseRequest);
             fresh = true;
             if (m_shutdown.load() != 0) {
                 hr = QVIPC_E_SHUTDOWN;
@@ -188,6 +197,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     }
     if (m_nextRequestSlot > loadInt(m_maxRequestSlot)) m_nextRequestSlot = 0;
 
+    t_requestReceiverOf = nullptr;
     m_inReceiveRequest.store(0);
     qvTrace("<<<CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), id %d", addr,
             static_cast<int>(*pIpcid));
@@ -237,6 +247,12 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
     QVRESULT hr = S_OK;
     for (;;) {
         int fd = loadFd(m_fdsRecvRequest[slot]);
+        // On the server a slot picked by the scan may have been freed since by another thread
+        // (the reconnect command); waiting for it to be filled again would hold the loop.
+        if (fd == -1 && m_isServer != 0) {
+            hr = QVIPC_E_DISCONNECTED;
+            break;
+        }
         while (fd == -1 && m_shutdown.load() == 0) {
             CPortable::Sleep(POLL_INTERVAL_MS);
             fd = loadFd(m_fdsRecvRequest[slot]);

@@ -116,7 +116,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
                                                 &m_fdsetRecvResponseReady, &err);
             // Descriptors of freed slots that this thread may have been using are closed now
             // that its working set no longer holds them.
-            closeDeferredFds();
+            closeDeferredFds(m_fdsDeferredCloseResponse);
             if (m_shutdown.load() != 0) {
                 hr = QVIPC_E_SHUTDOWN;
                 break;

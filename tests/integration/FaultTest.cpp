@@ -314,6 +314,32 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     EXPECT_TRUE(serverLoop.connections().empty());
 }
 
+// The reconnect command frees a server's slots on the caller's thread while the request loop is
+// admitting another client; both change the slot tables and the connect-id map.
+TEST_F(FaultTest, ReconnectCommandFreesSlotsWhileAConnectIsUnderWay) {
+    {
+        auto server = MakeServer(m_guid, 4);
+        ASSERT_EQ(S_OK, server->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        RawClient dropped(m_guid, 900019);
+        ASSERT_EQ(0u, dropped.connect());
+        RawClient late(m_guid, 900021);
+        ASSERT_TRUE(late.connectWithoutReader());
+        ASSERT_TRUE(waitReplyOpenTries(900021));
+        server->dump("reconn");
+        EXPECT_EQ(0u, late.answerConnect());
+        // The late client keeps the slot chosen before slot 1 was freed; the next one gets 1.
+        auto client = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, client->initialize());
+        ASSERT_TRUE(serverLoop.waitConnections(3));
+        EXPECT_EQ(std::vector<unsigned long>({1, 2, 1}), serverLoop.connections());
+        ExpectRoundTrip(*client, "after");
+        client->finalize();
+        server->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
 // A CONNECT whose sender died before the server could open its reply FIFO is given up as soon
 // as the process is known to be gone, not after the 20 seconds of open tries, so that the
 // clients queued behind it are served.
