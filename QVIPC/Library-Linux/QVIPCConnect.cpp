@@ -130,6 +130,9 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
     int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
     if (fd == -1) return false;
+    // What the old read end delivered says nothing about the new one: a first read that finds
+    // no writer yet is no disconnect.
+    m_responsePipeSeen[REQUEST_PIPE] = 0;
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvResponse[REQUEST_PIPE] %d", fd);
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);

@@ -55,6 +55,11 @@ TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
         ExpectRoundTrip(*client, "after");
         EXPECT_EQ(2u, CountLines(m_capture, "L/0/2 CQVIPCLibraryImpl::connectThreadFunc (" + addr +
                                                 ") - starting"));
+        // The response FIFO made anew for the reconnect has had no writer yet; that is no
+        // disconnect, whatever the old FIFO delivered before.
+        EXPECT_EQ(0u, CountLines(m_capture,
+                                 "L/0/64 (Error) CQVIPCLibraryImpl::receiveResponseOnClientPipe (" +
+                                     addr + "), client disconnected, id 1"));
         client->finalize();
     }
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
