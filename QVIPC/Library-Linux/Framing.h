@@ -200,15 +200,6 @@ inline bool isReadable(int fd) {
     return ev != 0 && (ev & POLLNVAL) == 0;
 }
 
-// Whether a FIFO read end that has nothing to read saw a writer come and go since it was
-// opened. A fresh read end without a writer reads end of file as well, so read() alone cannot
-// tell "nobody has opened the other end yet" from "the writer died"; the kernel reports
-// POLLHUP only for the second.
-inline bool writerHungUp(int fd) {
-    const short ev = readEventsNow(fd);
-    return (ev & POLLHUP) != 0 && (ev & POLLIN) == 0;
-}
-
 // A FIFO holds 64 KiB by default, so a larger message crosses it in several rounds of
 // writer and reader waking each other. Before such a message the sender grows the FIFO to
 // hold it whole, up to 1 MiB (the most an unprivileged process may ask for); the size is the

@@ -221,6 +221,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
         return QVIPC_E_WRITE;
     }
 
+    m_fdConnectAdmin = *pFdSendAdmin;
     m_waitingConnectReply.store(1);
     unsigned long requestId = 0;
     char* body = nullptr;
@@ -228,6 +229,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     QVRESULT hr = receiveResponseOnClientPipe(REQUEST_PIPE, 1, &requestId, &body, &len, nullptr);
     delete[] body;
     m_waitingConnectReply.store(0);
+    m_fdConnectAdmin = -1;
     if (hr == S_OK) {
         hr = static_cast<QVRESULT>(loadWord(m_connectResult[REQUEST_PIPE]));
         *pRefused = hr != S_OK;

@@ -191,6 +191,10 @@ public:
     // arrays first and waits for this count to drop, so a sender never writes into a
     // descriptor number that was closed and reused meanwhile (a request into the wrong FIFO).
     int m_sendsInFlight[QVIPC_MAX_SLOTS];
+    // Client: the connect thread's write end on the admin FIFO while it waits for the connect
+    // reply, else -1. The reply wait watches it: once no process reads the admin FIFO, the
+    // server that took the CONNECT is gone and no reply will come. Connect thread only.
+    int m_fdConnectAdmin;
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

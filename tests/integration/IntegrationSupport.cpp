@@ -387,6 +387,20 @@ int RunPeer(const std::string& argument) {
             }
         }
     }
+    if (role == "swallow-connect") {
+        // Takes the first admin record from the service's admin FIFO and dies, as a server
+        // killed right after it read a CONNECT.
+        const std::string admin = "/tmp/" + guid + "-svr-admin";
+        mknod(admin.c_str(), S_IFIFO | 0666, 0);
+        const int fd = open(admin.c_str(), O_RDONLY | O_NONBLOCK);
+        if (fd == -1) return 3;
+        char record[72];
+        while (!waitReadable(fd, DEADLINE) || read(fd, record, sizeof record) != 72) {
+        }
+        uint32_t type = 0;
+        std::memcpy(&type, record, 4);
+        return type == 1 ? 0 : 4;
+    }
     if (role == "exit-client") {
         // Left undestroyed on purpose: only the process's pipe-name registry cleans up. Held by
         // a static, so that a leak checker at exit sees it as reachable.

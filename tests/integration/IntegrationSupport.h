@@ -174,7 +174,8 @@ private:
 
 // Entry of a peer process; returns its exit status. argument is "<role>,<guid>"; the roles:
 // server (an echo server for 8 clients), client (sends requests without pause), exit-client
-// (connects, then leaves main without finalize).
+// (connects, then leaves main without finalize), swallow-connect (reads the first admin record
+// and exits: 0 when it was a CONNECT).
 int RunPeer(const std::string& argument);
 
 }  // namespace itest

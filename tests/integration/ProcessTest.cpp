@@ -65,6 +65,26 @@ TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
 }
 
+// A server that took the CONNECT and died before it opened the reply FIFO never answers; the
+// client must give that attempt up and connect to the next server.
+TEST_F(ProcessTest, ClientConnectsAfterItsServerDiedWithTheConnectUnanswered) {
+    Peer& swallower = startPeer("swallow-connect");
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client, 48, false);
+    EXPECT_EQ(0, swallower.wait());
+    // The client looks for a server again (the line serves as a synchronisation point only).
+    const std::string lookingAgain =
+        "T/16/64 (Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin /tmp/" +
+        m_guid + "-svr-admin, errno 6";
+    ASSERT_TRUE(WaitLine(m_capture, lookingAgain, CountLines(m_capture, lookingAgain) + 1));
+    auto server = MakeServer(m_guid, 4);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    ASSERT_TRUE(clientLoop.waitConnections(1));
+    ExpectRoundTrip(*client, "answered");
+}
+
 TEST_F(ProcessTest, ServerFreesTheSlotOfAKilledClientAndServesTheOthers) {
     {
         auto server = MakeServer(m_guid, 4);
