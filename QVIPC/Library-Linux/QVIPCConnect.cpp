@@ -75,6 +75,7 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
 
         // Every attempt makes the client's read ends anew, so that each CONNECT finds both
         // open for the server's opens and the reply.
+        bool refusedBefore = false;
         while (makeClientReadEnds()) {
             int fdSendAdmin = -1;
             bool refused = false;
@@ -85,9 +86,13 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
             }
             failedConnectAttempt(&fdSendAdmin);
             if (m_shutdown.load() != 0 || hr == QVIPC_E_TOO_MANY_CLIENTS) break;
-            // A server that answered with a refusal (say it could not make the read ends) is
-            // asked again after a pause rather than in a tight loop.
-            if (refused && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
+            // A refusal is answered with the next attempt at once. A refusal that repeats has a
+            // cause that stays (the server short of descriptors, a foreign file at one of this
+            // client's FIFO names): asking again at once would keep this thread and the
+            // server's request loop spinning, and the server logging an error every turn, so
+            // the next attempt waits a second.
+            if (refused && refusedBefore && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
+            refusedBefore = refused;
         }
         if (m_connected.load() == 0 && m_shutdown.load() == 0) releaseClientReadEnds();
     }
