@@ -220,17 +220,19 @@ inline void fitPipeTo(int fd, size_t messageBytes) {
 }
 
 // Sends one message, its header and body in one writev() through the endpoint's writer (the
-// FIFO grown first when the message is large). Returns the writer's result.
+// FIFO grown first when the message is large). bodyLen is the caller's length, whole: a
+// message the writer cannot report in its int result (2 GiB or more, or a length the header's
+// 32 bits cannot carry) is refused by it before anything is written. Returns its result.
 template <typename Writer>
 int writeMessage(Writer& writer, int fd, const unsigned char* header, size_t headerSize,
-                 const char* body, uint32_t bodySize, unsigned long timeout) {
+                 const char* body, size_t bodyLen, unsigned long timeout) {
     iovec iov[2];
     iov[0].iov_base = const_cast<unsigned char*>(header);
     iov[0].iov_len = headerSize;
     iov[1].iov_base = const_cast<char*>(body);
-    iov[1].iov_len = bodySize;
-    fitPipeTo(fd, headerSize + bodySize);
-    return writer.writev(fd, iov, bodySize != 0 ? 2 : 1, timeout);
+    iov[1].iov_len = bodyLen;
+    fitPipeTo(fd, headerSize + bodyLen);
+    return writer.writev(fd, iov, bodyLen != 0 ? 2 : 1, timeout);
 }
 
 // The endpoint's address as the "0x%08X" of every trace text shows it.

@@ -111,24 +111,25 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
         RequestHeader h;
         h.type = TYPE_DATA;
         h.requestId = static_cast<uint32_t>(requestId);
-        // The wire carries 32 bits of length; this is the one place a length is narrowed.
+        // The wire carries 32 bits of length. A longer one is never written: the writer
+        // refuses the whole message (see writeMessage).
         h.bodySize = static_cast<uint32_t>(len);
         h.requestType = requestType;
         buildRequest(header, h, headerExt, m_headerExtSize);
         qvTrace("CQVIPCLibraryImpl::sendRequest 0x%08X, fd %d", addr, fd);
 
         const int sent =
-            writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout);
-        const int toSend = static_cast<int>(h.bodySize + sizeof header);
+            writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, len, m_sendTimeout);
+        const unsigned long toSend = len + sizeof header;
         if (sent < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev failed %d", addr,
                        errno);
             hr = QVIPC_E_WRITE;
-        } else if (sent != toSend || len != h.bodySize) {
+        } else if (static_cast<unsigned long>(sent) != toSend) {
             qvLogError(
                 "(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev count mismatch: tosend "
                 "%d, sent %d",
-                addr, toSend, sent);
+                addr, static_cast<int>(toSend), sent);
             hr = QVIPC_E_WRITE;
         }
     }

@@ -76,12 +76,12 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         h.type = TYPE_DATA;
         h.requestId = static_cast<uint32_t>(requestId);
         h.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-        // The wire carries 32 bits of length; this is the one place a length is narrowed.
+        // The wire carries 32 bits of length. A longer one is never written: the writer
+        // refuses the whole message (see writeMessage).
         h.bodySize = static_cast<uint32_t>(len);
         buildResponse(header, h, headerExt, m_headerExtSize);
 
-        if (writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout) <
-            0) {
+        if (writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, len, m_sendTimeout) < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendResponse (0x%08X), writev failed %d", addr,
                        errno);
             hr = QVIPC_E_WRITE_RESPONSE;
