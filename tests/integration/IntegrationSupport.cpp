@@ -11,6 +11,7 @@
 
 #include <cstring>
 
+#include "tests/integration/ReadmeExample.h"
 #include "tests/support/TestSupport.h"
 
 namespace itest {
@@ -400,6 +401,10 @@ int RunPeer(const std::string& argument) {
         uint32_t type = 0;
         std::memcpy(&type, record, 4);
         return type == 1 ? 0 : 4;
+    }
+    if (role == "readme-server") {
+        readme::Server(guid);
+        return 0;
     }
     if (role == "exit-client") {
         // Left undestroyed on purpose: only the process's pipe-name registry cleans up. Held by

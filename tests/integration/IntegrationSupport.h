@@ -175,7 +175,7 @@ private:
 // Entry of a peer process; returns its exit status. argument is "<role>,<guid>"; the roles:
 // server (an echo server for 8 clients), client (sends requests without pause), exit-client
 // (connects, then leaves main without finalize), swallow-connect (reads the first admin record
-// and exits: 0 when it was a CONNECT).
+// and exits: 0 when it was a CONNECT), readme-server (README.md's example server).
 int RunPeer(const std::string& argument);
 
 }  // namespace itest

@@ -4,8 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <memory>
+#include <thread>
+
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "tests/integration/IntegrationSupport.h"
+#include "tests/integration/ReadmeExample.h"
 #include "tests/support/TestSupport.h"
 
 using namespace itest;
@@ -83,6 +88,21 @@ TEST_F(ProcessTest, ClientConnectsAfterItsServerDiedWithTheConnectUnanswered) {
     RequestLoop serverLoop(*server, 48, true);
     ASSERT_TRUE(clientLoop.waitConnections(1));
     ExpectRoundTrip(*client, "answered");
+}
+
+// The API example that README.md shows, built from the document: its client half, here, talks
+// to its server half in another process.
+TEST_F(ProcessTest, ReadmeExampleRuns) {
+    startPeer("readme-server");
+    // Shared with the client thread, which is left behind should it never return.
+    auto result = std::make_shared<std::atomic<QVRESULT>>(~0u);
+    std::thread client([guid = m_guid, result] { result->store(readme::Client(guid)); });
+    if (!qvtest::WaitFor([&] { return result->load() != ~0u; }, DEADLINE)) {
+        client.detach();
+        FAIL() << "the example's client did not finish";
+    }
+    client.join();
+    EXPECT_EQ(S_OK, result->load());
 }
 
 TEST_F(ProcessTest, ServerFreesTheSlotOfAKilledClientAndServesTheOthers) {
