@@ -200,15 +200,6 @@ inline bool isReadable(int fd) {
     return ev != 0 && (ev & POLLNVAL) == 0;
 }
 
-// Whether a FIFO read end that has nothing to read saw a writer come and go since it was
-// opened. A fresh read end without a writer reads end of file as well, so read() alone cannot
-// tell "nobody has opened the other end yet" from "the writer died"; the kernel reports
-// POLLHUP only for the second.
-inline bool writerHungUp(int fd) {
-    const short ev = readEventsNow(fd);
-    return (ev & POLLHUP) != 0 && (ev & POLLIN) == 0;
-}
-
 // A FIFO holds 64 KiB by default, so a larger message crosses it in several rounds of
 // writer and reader waking each other. Before such a message the sender grows the FIFO to
 // hold it whole, up to 1 MiB (the most an unprivileged process may ask for); the size is the
@@ -229,17 +220,19 @@ inline void fitPipeTo(int fd, size_t messageBytes) {
 }
 
 // Sends one message, its header and body in one writev() through the endpoint's writer (the
-// FIFO grown first when the message is large). Returns the writer's result.
+// FIFO grown first when the message is large). bodyLen is the caller's length, whole: a
+// message the writer cannot report in its int result (2 GiB or more, or a length the header's
+// 32 bits cannot carry) is refused by it before anything is written. Returns its result.
 template <typename Writer>
 int writeMessage(Writer& writer, int fd, const unsigned char* header, size_t headerSize,
-                 const char* body, uint32_t bodySize, unsigned long timeout) {
+                 const char* body, size_t bodyLen, unsigned long timeout) {
     iovec iov[2];
     iov[0].iov_base = const_cast<unsigned char*>(header);
     iov[0].iov_len = headerSize;
     iov[1].iov_base = const_cast<char*>(body);
-    iov[1].iov_len = bodySize;
-    fitPipeTo(fd, headerSize + bodySize);
-    return writer.writev(fd, iov, bodySize != 0 ? 2 : 1, timeout);
+    iov[1].iov_len = bodyLen;
+    fitPipeTo(fd, headerSize + bodyLen);
+    return writer.writev(fd, iov, bodyLen != 0 ? 2 : 1, timeout);
 }
 
 // The endpoint's address as the "0x%08X" of every trace text shows it.

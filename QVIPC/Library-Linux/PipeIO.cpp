@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
@@ -18,7 +19,25 @@ namespace {
 // select() takes a signed time_t, 32 bits on i686: a budget beyond it is as good as none.
 constexpr unsigned long MAX_SELECT_SECONDS = 0x7FFFFFFFul;
 
+// A gather list whose byte count an int result cannot carry fails before anything is written.
+bool refuseOverlong(const iovec* iov, int iovcnt) {
+    if (gatherLength(iov, iovcnt) >= 0) return false;
+    errno = EOVERFLOW;
+    return true;
+}
+
 }  // namespace
+
+ssize_t gatherLength(const iovec* iov, int iovcnt) {
+    constexpr size_t INT_LIMIT = static_cast<size_t>(INT_MAX);
+    size_t total = 0;
+    for (int i = 0; i < iovcnt; ++i) {
+        // Compared before adding, so that a 32-bit size_t cannot wrap around.
+        if (iov[i].iov_len > INT_LIMIT - total) return -1;
+        total += iov[i].iov_len;
+    }
+    return static_cast<ssize_t>(total);
+}
 
 int CPIPEIOSynchronous::write(int fd, const void* buf, int len, unsigned long /*timeout*/) {
     if (len < 0) {
@@ -30,29 +49,32 @@ int CPIPEIOSynchronous::write(int fd, const void* buf, int len, unsigned long /*
 }
 
 int CPIPEIOSynchronous::writev(int fd, const iovec* iov, int iovcnt, unsigned long /*timeout*/) {
+    if (refuseOverlong(iov, iovcnt)) return -1;
+    // At most INT_MAX bytes were asked for, so the count fits.
     return static_cast<int>(::writev(fd, iov, iovcnt));
 }
 
 int CPIPEIOAsynchronous::write(int fd, const void* buf, int len, unsigned long timeout) {
     if (len <= 0) return 0;
     const char* p = static_cast<const char*>(buf);
-    int remaining = len;
-    int total = 0;
+    size_t remaining = static_cast<size_t>(len);
+    size_t total = 0;
     // Set up on the first wait and reused by the later ones: select() leaves the unslept time
     // in tv, so all waits of this call share one budget.
     fd_set set;
     timeval tv;
     bool waited = false;
     for (;;) {
-        const ssize_t n = ::write(fd, p, static_cast<size_t>(remaining));
+        const ssize_t n = ::write(fd, p, remaining);
         if (n > 0) {
-            total += static_cast<int>(n);
+            total += static_cast<size_t>(n);
             p += n;
-            remaining -= static_cast<int>(n);
-            if (remaining == 0) return total;
+            remaining -= static_cast<size_t>(n);
+            // The total never exceeds len, an int.
+            if (remaining == 0) return static_cast<int>(total);
             continue;
         }
-        if (n == 0) return total;
+        if (n == 0) return static_cast<int>(total);
         if (errno != EAGAIN) return -1;
 
         if (fd < 0 || fd >= FD_SETSIZE) {
@@ -75,22 +97,24 @@ int CPIPEIOAsynchronous::write(int fd, const void* buf, int len, unsigned long t
 }
 
 int CPIPEIOAsynchronous::writev(int fd, const iovec* iov, int iovcnt, unsigned long timeout) {
+    // Past this check every element, and the total, fits an int.
+    if (refuseOverlong(iov, iovcnt)) return -1;
     const bool limited = timeout != QVIPC_NO_TIMEOUT;
     const unsigned long long start = limited ? CPortable::GetTickCountULL() : 0;
     unsigned long t = timeout;
-    int total = 0;
+    size_t total = 0;
     for (int i = 0; i < iovcnt; ++i) {
         const int r = write(fd, iov[i].iov_base, static_cast<int>(iov[i].iov_len), t);
         if (r < 0) return -1;
-        if (r == 0) return total;
-        total += r;
+        if (r == 0) return static_cast<int>(total);
+        total += static_cast<size_t>(r);
         if (limited) {
             const unsigned long long elapsedSec = (CPortable::GetTickCountULL() - start) / 1000;
             // Every element after the first gets at least one second.
             t = elapsedSec >= timeout ? 1ul : static_cast<unsigned long>(timeout - elapsedSec);
         }
     }
-    return total;
+    return static_cast<int>(total);
 }
 
 CPipeSigDisable::CPipeSigDisable() { signal(SIGPIPE, SIG_IGN); }

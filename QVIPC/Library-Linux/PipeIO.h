@@ -4,9 +4,15 @@
 #ifndef QVIPC_LIBRARY_LINUX_PIPEIO_H_
 #define QVIPC_LIBRARY_LINUX_PIPEIO_H_
 
+#include <sys/types.h>
 #include <sys/uio.h>
 
 class CQVIPCLibraryImpl;
+
+// The bytes of a gather list, or -1 when they exceed INT_MAX: write and writev report their
+// count as an int, so the writers refuse such a list (-1, errno EOVERFLOW) before anything is
+// written. A list of 0 or fewer elements holds 0 bytes.
+ssize_t gatherLength(const iovec* iov, int iovcnt);
 
 class CPIPEIOBase {
 public:

@@ -1,7 +1,8 @@
 // The server's half of the connection handshake: one admin record per call, read on the thread
 // that sits in the server's receiveRequest. Also the slot clean-up shared with the reconnect
-// path. The per-slot arrays are changed without a lock; the descriptor sets, their maxima and
-// the highest-slot values only under m_pCritSec, as the response receiver copies them.
+// path, which may run on any thread: a slot's descriptor entries, its peer words, the
+// connect-id map, the descriptor sets, their maxima and the highest-slot values change only
+// under m_pCritSec, and no system call that can wait is made while it is held.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/select.h>
@@ -97,6 +98,8 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
                                          unsigned long* pSlot) {
     const unsigned addr = traceAddr(this);
 
+    // Only this thread fills slots; other threads may free them meanwhile (the reconnect
+    // command), which leaves this choice valid.
     unsigned long fdId = 0;
     for (unsigned long i = 1; i < m_maxConnections; ++i) {
         if (loadFd(m_fdsRecvResponse[i]) == -1) {
@@ -112,18 +115,23 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
 
     // The same client endpoint connects again while its old slot is still held: its connect
     // thread started over before this side noticed the break.
-    const auto old = m_connectIdMap.find(connectId);
-    if (old != m_connectIdMap.end()) {
+    unsigned long oldSlot = 0;
+    if (slotOfConnectId(connectId, &oldSlot)) {
         qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), closing obsolete fd id %d",
-                addr, static_cast<int>(old->second));
-        closeServerSlot(old->second);
-        m_connectIdMap.erase(old);
+                addr, static_cast<int>(oldSlot));
+        closeServerSlot(oldSlot, false);
         wakeResponseReceiver();
     }
 
     const std::string strConnectId = decimal(connectId);
     const std::string strPid = decimal(pid);
     QVRESULT hr = S_OK;
+
+    // The new slot's descriptors stay local until the connection is complete and then enter
+    // the slot in one step, so that a thread freeing slots never meets a half-made one.
+    int recvReq = -1;
+    int recvRsp = -1;
+    int sendReq = -1;
 
     // The reply descriptor: the client's server-response FIFO, open once the client holds its
     // read end.
@@ -156,17 +164,14 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
             const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
             qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
                     recvReqPath.c_str());
-            const int recvReq = openServerReadEnd(this, recvReqPath);
+            recvReq = openServerReadEnd(this, recvReqPath);
             std::string failedPath = recvReqPath;
-            int recvRsp = -1;
             if (recvReq != -1) {
-                storeFd(m_fdsRecvRequest[fdId], recvReq);
                 failedPath = pipenameClientResponse(strConnectId, strPid);
                 qvTrace(
                     "CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
                     failedPath.c_str());
                 recvRsp = openServerReadEnd(this, failedPath);
-                if (recvRsp != -1) storeFd(m_fdsRecvResponse[fdId], recvRsp);
             }
             if (recvReq == -1 || recvRsp == -1) {
                 qvLogError(
@@ -179,16 +184,15 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
                 const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
                 qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
                         sendReqPath.c_str());
-                const int sendReq = openFifo(sendReqPath, O_WRONLY | O_NONBLOCK);
+                sendReq = openFifo(sendReqPath, O_WRONLY | O_NONBLOCK);
                 if (sendReq == -1) {
                     qvLogError(
                         "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening "
                         "%s, %d",
                         addr, sendReqPath.c_str(), errno);
                     hr = QVIPC_E_OPEN_TIMEOUT;
-                } else {
-                    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(sendReq);
-                    storeFd(m_fdsSendRequest[fdId], sendReq);
+                } else if (m_sendTimeout == QVIPC_NO_TIMEOUT) {
+                    clearO_NONBLOCK(sendReq);
                 }
             }
         }
@@ -213,8 +217,8 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
             nh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
             nh.requestType = 1;
             buildRequest(note, nh, nullptr, 0);
-            if (m_pPipeIO->write(loadFd(m_fdsSendRequest[fdId]), note,
-                                 static_cast<int>(sizeof note), QVIPC_NO_TIMEOUT) < 0) {
+            if (m_pPipeIO->write(sendReq, note, static_cast<int>(sizeof note), QVIPC_NO_TIMEOUT) <
+                0) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write "
                     "failed %d",
@@ -225,32 +229,29 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     }
 
     if (hr != S_OK) {
-        // A connect that fails half-way closes what it opened; none of it is in a set yet.
-        if (replyFd != -1) close(replyFd);
-        if (fdId != 0) {
-            closeFd(m_fdsRecvResponse[fdId]);
-            closeWriteEnd(takeFd(m_fdsSendRequest[fdId]), fdId);
-            closeFd(m_fdsRecvRequest[fdId]);
-            closeWriteEnd(takeFd(m_fdsSendResponse[fdId]), fdId);
+        // A connect that fails half-way closes what it opened; none of it is in a slot yet.
+        for (const int fd : {replyFd, recvReq, recvRsp, sendReq}) {
+            if (fd != -1) close(fd);
         }
         return hr;
     }
 
     m_requestPipeSeen[fdId] = 1;
-    storeFd(m_fdsSendResponse[fdId], replyFd);
-    m_connectIdMap[connectId] = fdId;
-    storeWord(m_slotConnectId[fdId], connectId);
-    storeWord(m_slotPid[fdId], pid);
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
+        storeFd(m_fdsRecvResponse[fdId], recvRsp);
+        storeFd(m_fdsSendRequest[fdId], sendReq);
+        storeFd(m_fdsRecvRequest[fdId], recvReq);
+        storeFd(m_fdsSendResponse[fdId], replyFd);
+        m_connectIdMap[connectId] = fdId;
+        storeWord(m_slotConnectId[fdId], connectId);
+        storeWord(m_slotPid[fdId], pid);
         m_lastConnectAttempt[fdId] = 0;
         const int slot = static_cast<int>(fdId);
         if (m_maxRequestSlot < slot) __atomic_store_n(&m_maxRequestSlot, slot, __ATOMIC_SEQ_CST);
-        const int recvReq = loadFd(m_fdsRecvRequest[fdId]);
         if (recvReq > m_fdmaxRecvRequest) m_fdmaxRecvRequest = recvReq;
         FD_SET(recvReq, &m_fdsetRecvRequest);
         if (m_maxResponseSlot < slot) __atomic_store_n(&m_maxResponseSlot, slot, __ATOMIC_SEQ_CST);
-        const int recvRsp = loadFd(m_fdsRecvResponse[fdId]);
         if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
         FD_SET(recvRsp, &m_fdsetRecvResponse);
     }
@@ -258,20 +259,17 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
 
     const int slot = static_cast<int>(fdId);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvResponse[%d] %d", slot,
-            loadFd(m_fdsRecvResponse[fdId]));
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot,
-            loadFd(m_fdsSendRequest[fdId]));
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot,
-            loadFd(m_fdsRecvRequest[fdId]));
+            recvRsp);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot, sendReq);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot, recvReq);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendResponse[%d] %d", slot,
-            loadFd(m_fdsSendResponse[fdId]));
+            replyFd);
     return QVIPC_E_NEW_CONNECTION;
 }
 
 QVRESULT CQVIPCLibraryImpl::adminDisconnect(uint32_t connectId, uint32_t pid) {
-    const auto it = m_connectIdMap.find(connectId);
-    if (it == m_connectIdMap.end()) return S_OK;
-    const unsigned long slot = it->second;
+    unsigned long slot = 0;
+    if (!slotOfConnectId(connectId, &slot)) return S_OK;
     qvTrace(
         "CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X) - QVIPC_REQUEST_DISCONNECT, pid "
         "%d, connect id %d, fd id %d",
@@ -279,29 +277,57 @@ QVRESULT CQVIPCLibraryImpl::adminDisconnect(uint32_t connectId, uint32_t pid) {
         static_cast<int>(slot));
     // Both sets are rebuilt (not only the request set), so that the response receiver never
     // selects on a closed descriptor; the wake-up makes it take the new set.
-    closeServerSlot(slot);
-    m_connectIdMap.erase(it);
+    closeServerSlot(slot, true);
     wakeResponseReceiver();
-    storeWord(m_slotConnectId[slot], 0);
-    storeWord(m_slotPid[slot], 0);
     return S_OK;
 }
 
-void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot) {
+bool CQVIPCLibraryImpl::slotOfConnectId(uint32_t connectId, unsigned long* pSlot) {
+    CCritSecLock lock(m_pCritSec, __LINE__);
+    const auto it = m_connectIdMap.find(connectId);
+    if (it == m_connectIdMap.end()) return false;
+    *pSlot = it->second;
+    return true;
+}
+
+void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
     if (slot >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
-    int recvRsp = takeFd(m_fdsRecvResponse[slot]);
-    const int sendReq = takeFd(m_fdsSendRequest[slot]);
-    const int recvReq = takeFd(m_fdsRecvRequest[slot]);
-    const int sendRsp = takeFd(m_fdsSendResponse[slot]);
+    int recvRsp;
+    int sendReq;
+    int recvReq;
+    int sendRsp;
     {
+        // Two threads may free the same slot at once (the request receiver on a disconnect,
+        // another thread on the reconnect command): the one that takes the descriptors closes
+        // them, the other finds -1 and nothing to erase.
         CCritSecLock lock(m_pCritSec, __LINE__);
+        recvRsp = takeFd(m_fdsRecvResponse[slot]);
+        sendReq = takeFd(m_fdsSendRequest[slot]);
+        recvReq = takeFd(m_fdsRecvRequest[slot]);
+        sendRsp = takeFd(m_fdsSendResponse[slot]);
+        // The entry of the slot's connect id: a slot has at most one.
+        for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
+            if (it->second == slot) {
+                m_connectIdMap.erase(it);
+                break;
+            }
+        }
+        if (forgetPeer) {
+            storeWord(m_slotConnectId[slot], 0);
+            storeWord(m_slotPid[slot], 0);
+        }
         rebuildRequestSet();
         rebuildResponseSet();
-        // A response receiver that entered after the entry was taken never sees recvRsp; one
-        // that is inside may still use it, and closes it itself.
+        // A receiver that entered its call after the entry was taken never sees the read end;
+        // one that is inside may still use it, and closes it itself. The request receiver
+        // closes its own at once, as it is using none right now.
         if (recvRsp != -1 && m_inReceiveResponse.load() != 0) {
-            m_fdsDeferredClose.push_back(recvRsp);
+            m_fdsDeferredCloseResponse.push_back(recvRsp);
             recvRsp = -1;
+        }
+        if (recvReq != -1 && m_inReceiveRequest.load() != 0 && !onRequestReceiver()) {
+            m_fdsDeferredCloseRequest.push_back(recvReq);
+            recvReq = -1;
         }
     }
     if (recvRsp != -1) close(recvRsp);
@@ -344,13 +370,13 @@ void CQVIPCLibraryImpl::rebuildResponseSet() {
     }
 }
 
-void CQVIPCLibraryImpl::closeDeferredFds() {
-    std::vector<int> fds;
+void CQVIPCLibraryImpl::closeDeferredFds(std::vector<int>& fds) {
+    std::vector<int> taken;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        fds.swap(m_fdsDeferredClose);
+        taken.swap(fds);
     }
-    for (const int fd : fds) close(fd);
+    for (const int fd : taken) close(fd);
 }
 
 void CQVIPCLibraryImpl::wakeResponseReceiver() {

@@ -75,6 +75,7 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
 
         // Every attempt makes the client's read ends anew, so that each CONNECT finds both
         // open for the server's opens and the reply.
+        bool refusedBefore = false;
         while (makeClientReadEnds()) {
             int fdSendAdmin = -1;
             bool refused = false;
@@ -85,9 +86,13 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
             }
             failedConnectAttempt(&fdSendAdmin);
             if (m_shutdown.load() != 0 || hr == QVIPC_E_TOO_MANY_CLIENTS) break;
-            // A server that answered with a refusal (say it could not make the read ends) is
-            // asked again after a pause rather than in a tight loop.
-            if (refused && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
+            // A refusal is answered with the next attempt at once. A refusal that repeats has a
+            // cause that stays (the server short of descriptors, a foreign file at one of this
+            // client's FIFO names): asking again at once would keep this thread and the
+            // server's request loop spinning, and the server logging an error every turn, so
+            // the next attempt waits a second.
+            if (refused && refusedBefore && !sleepUnlessShutdown(CONNECT_RETRY_MS)) break;
+            refusedBefore = refused;
         }
         if (m_connected.load() == 0 && m_shutdown.load() == 0) releaseClientReadEnds();
     }
@@ -130,6 +135,9 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
     int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
     if (fd == -1) return false;
+    // What the old read end delivered says nothing about the new one: a first read that finds
+    // no writer yet is no disconnect.
+    m_responsePipeSeen[REQUEST_PIPE] = 0;
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvResponse[REQUEST_PIPE] %d", fd);
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
@@ -218,6 +226,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
         return QVIPC_E_WRITE;
     }
 
+    m_fdConnectAdmin = *pFdSendAdmin;
     m_waitingConnectReply.store(1);
     unsigned long requestId = 0;
     char* body = nullptr;
@@ -225,6 +234,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     QVRESULT hr = receiveResponseOnClientPipe(REQUEST_PIPE, 1, &requestId, &body, &len, nullptr);
     delete[] body;
     m_waitingConnectReply.store(0);
+    m_fdConnectAdmin = -1;
     if (hr == S_OK) {
         hr = static_cast<QVRESULT>(loadWord(m_connectResult[REQUEST_PIPE]));
         *pRefused = hr != S_OK;
@@ -341,15 +351,11 @@ void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
         return;
     }
 
-    // Server: the client of this slot vanished without a DISCONNECT. The slot's descriptors
-    // leave both sets before they are closed.
-    closeServerSlot(id);
-    for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
-        if (it->first == loadWord(m_slotConnectId[id]) && it->second == id) {
-            m_connectIdMap.erase(it);
-            break;
-        }
-    }
+    // Server: the client of this slot vanished without a DISCONNECT, or the reconnect command
+    // drops it, on the caller's thread. The slot's descriptors leave both sets before they are
+    // closed; the request receiver, which may be admitting a client meanwhile, meets the slot
+    // either whole or free.
+    closeServerSlot(id, false);
     RequestFrame internal;
     RequestHeader h;
     h.type = QVIPC_REQUEST_INTERNAL;

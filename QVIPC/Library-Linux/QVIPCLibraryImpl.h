@@ -100,16 +100,23 @@ public:
     QVRESULT adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
                           unsigned long* pSlot);
     QVRESULT adminDisconnect(uint32_t connectId, uint32_t pid);
-    // Frees a server slot: takes its four descriptors out of the arrays and both descriptor
-    // sets before closing them, so select() never sees a closed descriptor. The response read
-    // end is handed to m_fdsDeferredClose while the response receiver runs.
-    void closeServerSlot(unsigned long slot);
+    // The slot that m_connectIdMap gives a connect id; false when it has none.
+    bool slotOfConnectId(uint32_t connectId, unsigned long* pSlot);
+    // Frees a server slot, on any thread: under m_pCritSec its four descriptors leave the
+    // arrays and both descriptor sets, its entry leaves m_connectIdMap and, with forgetPeer,
+    // its peer's connect id and pid are cleared; the descriptors are closed afterwards. A read
+    // end that a receiver inside its call may still use is left to that receiver
+    // (m_fdsDeferredCloseRequest, m_fdsDeferredCloseResponse).
+    void closeServerSlot(unsigned long slot, bool forgetPeer);
+    // Whether the calling thread is the one inside this server's receiveRequest.
+    bool onRequestReceiver() const;
     // Rebuild a master set from the open read descriptors of slots 0..highest slot.
     // Caller holds m_pCritSec.
     void rebuildRequestSet();
     void rebuildResponseSet();
-    // Closes what m_fdsDeferredClose holds. Called by the response receiver or by finalize.
-    void closeDeferredFds();
+    // Closes what one of the deferred lists holds. Called by the receiver the list belongs to,
+    // after its select(), or by finalize.
+    void closeDeferredFds(std::vector<int>& fds);
     // Writes the 68-byte all-zero record that makes the response receiver take a fresh set.
     void wakeResponseReceiver();
     // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
@@ -173,15 +180,21 @@ public:
     std::atomic<int> m_connectThreadRunning;
     unsigned long m_serverPid;
 
-    // Server: response read ends of freed slots that the response receiver may still be
-    // using; it closes them itself at its next select() copy (finalize closes what is left),
-    // so no thread closes a descriptor another thread is reading. Guarded by m_pCritSec.
-    std::vector<int> m_fdsDeferredClose;
+    // Server: read ends of freed slots that a receiver may still be using: the response
+    // receiver's, and the request receiver's when another thread freed the slot. Each receiver
+    // closes its own after its next select() (finalize closes what is left), so no thread
+    // closes a descriptor another thread is reading. Guarded by m_pCritSec.
+    std::vector<int> m_fdsDeferredCloseRequest;
+    std::vector<int> m_fdsDeferredCloseResponse;
     // Per slot, the senders (sendRequest, sendResponse) between loading a write descriptor and
     // the end of their write. A thread that closes a slot's write ends takes them out of the
     // arrays first and waits for this count to drop, so a sender never writes into a
     // descriptor number that was closed and reused meanwhile (a request into the wrong FIFO).
     int m_sendsInFlight[QVIPC_MAX_SLOTS];
+    // Client: the connect thread's write end on the admin FIFO while it waits for the connect
+    // reply, else -1. The reply wait watches it: once no process reads the admin FIFO, the
+    // server that took the CONNECT is gone and no reply will come. Connect thread only.
+    int m_fdConnectAdmin;
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

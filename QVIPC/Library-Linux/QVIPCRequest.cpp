@@ -20,7 +20,12 @@ namespace {
 
 constexpr time_t SELECT_TIMEOUT_SEC = 9999999;  // acts as no time-out
 
+// The server whose receiveRequest runs on this thread, if any.
+thread_local const CQVIPCLibraryImpl* t_requestReceiverOf = nullptr;
+
 }  // namespace
+
+bool CQVIPCLibraryImpl::onRequestReceiver() const { return t_requestReceiverOf == this; }
 
 QVRESULT CQVIPCLibraryImpl::waitInitialized() {
     while (m_initialized.load() == 0) {
@@ -106,24 +111,25 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
         RequestHeader h;
         h.type = TYPE_DATA;
         h.requestId = static_cast<uint32_t>(requestId);
-        // The wire carries 32 bits of length; this is the one place a length is narrowed.
+        // The wire carries 32 bits of length. A longer one is never written: the writer
+        // refuses the whole message (see writeMessage).
         h.bodySize = static_cast<uint32_t>(len);
         h.requestType = requestType;
         buildRequest(header, h, headerExt, m_headerExtSize);
         qvTrace("CQVIPCLibraryImpl::sendRequest 0x%08X, fd %d", addr, fd);
 
         const int sent =
-            writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout);
-        const int toSend = static_cast<int>(h.bodySize + sizeof header);
+            writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, len, m_sendTimeout);
+        const unsigned long toSend = len + sizeof header;
         if (sent < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev failed %d", addr,
                        errno);
             hr = QVIPC_E_WRITE;
-        } else if (sent != toSend || len != h.bodySize) {
+        } else if (static_cast<unsigned long>(sent) != toSend) {
             qvLogError(
                 "(Error) CQVIPCLibraryImpl::sendRequest (0x%08X), writev count mismatch: tosend "
                 "%d, sent %d",
-                addr, toSend, sent);
+                addr, static_cast<int>(toSend), sent);
             hr = QVIPC_E_WRITE;
         }
     }
@@ -139,6 +145,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     const unsigned addr = traceAddr(this);
     qvTrace("CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X)", addr);
     m_inReceiveRequest.store(1);
+    t_requestReceiverOf = this;
 
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
@@ -148,6 +155,9 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
             int err = 0;
             m_readyRequestCount = selectOnCopy(m_fdsetRecvRequest, m_fdmaxRecvRequest,
                                                &m_fdsetRecvRequestReady, &err);
+            // Read ends of slots that another thread freed while this one might use them are
+            // closed now: the scan below looks at descriptors only through the slot entries.
+            closeDeferredFds(m_fdsDeferredCloseRequest);
             fresh = true;
             if (m_shutdown.load() != 0) {
                 hr = QVIPC_E_SHUTDOWN;
@@ -188,6 +198,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     }
     if (m_nextRequestSlot > loadInt(m_maxRequestSlot)) m_nextRequestSlot = 0;
 
+    t_requestReceiverOf = nullptr;
     m_inReceiveRequest.store(0);
     qvTrace("<<<CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), id %d", addr,
             static_cast<int>(*pIpcid));
@@ -237,6 +248,12 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
     QVRESULT hr = S_OK;
     for (;;) {
         int fd = loadFd(m_fdsRecvRequest[slot]);
+        // On the server a slot picked by the scan may have been freed since by another thread
+        // (the reconnect command); waiting for it to be filled again would hold the loop.
+        if (fd == -1 && m_isServer != 0) {
+            hr = QVIPC_E_DISCONNECTED;
+            break;
+        }
         while (fd == -1 && m_shutdown.load() == 0) {
             CPortable::Sleep(POLL_INTERVAL_MS);
             fd = loadFd(m_fdsRecvRequest[slot]);

@@ -2,6 +2,7 @@
 // loop over every client's response FIFO and the internal pipe that wakes it, on a client by a
 // blocking read of its own response FIFO (which also carries the connect reply that the connect
 // thread reads). One thread per endpoint receives responses; its cycle members take no lock.
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -16,6 +17,30 @@
 #include "platform/Portable.h"
 
 using namespace qvframe;
+
+namespace {
+
+// One look, of at most 200 ms, of the connect reply wait, made when a read of the reply FIFO
+// found no writer. The wait is bounded by the life of the server that took the CONNECT, not
+// by a time: a live server may be busy for long with other clients. True when no reply can
+// come any more: the reply FIFO, made for this attempt, saw a writer come and go without a
+// reply (a hang-up without data), or no process reads the admin FIFO any more (adminFd, the
+// CONNECT's write end there, reports an error), so the server died, possibly before it opened
+// the reply FIFO. A successor that opens the admin FIFO before this thread has looked again
+// hides the death, and the wait goes on as the design has it; see docs/reliability.md.
+bool connectReplyLost(int replyFd, int adminFd) {
+    pollfd watch[2];
+    watch[0].fd = replyFd;
+    watch[0].events = POLLIN;
+    watch[1].fd = adminFd;  // a negative descriptor is not watched
+    watch[1].events = 0;    // POLLERR is reported without being asked for
+    watch[0].revents = watch[1].revents = 0;
+    if (::poll(watch, 2, static_cast<int>(POLL_INTERVAL_MS)) <= 0) return false;
+    const bool hungUp = (watch[0].revents & POLLHUP) != 0 && (watch[0].revents & POLLIN) == 0;
+    return hungUp || (watch[1].revents & POLLERR) != 0;
+}
+
+}  // namespace
 
 QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requestId,
                                          const char* buf, unsigned long len,
@@ -51,12 +76,12 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         h.type = TYPE_DATA;
         h.requestId = static_cast<uint32_t>(requestId);
         h.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-        // The wire carries 32 bits of length; this is the one place a length is narrowed.
+        // The wire carries 32 bits of length. A longer one is never written: the writer
+        // refuses the whole message (see writeMessage).
         h.bodySize = static_cast<uint32_t>(len);
         buildResponse(header, h, headerExt, m_headerExtSize);
 
-        if (writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, h.bodySize, m_sendTimeout) <
-            0) {
+        if (writeMessage(*m_pPipeIO, fd, header, sizeof header, buf, len, m_sendTimeout) < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::sendResponse (0x%08X), writev failed %d", addr,
                        errno);
             hr = QVIPC_E_WRITE_RESPONSE;
@@ -116,7 +141,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
                                                 &m_fdsetRecvResponseReady, &err);
             // Descriptors of freed slots that this thread may have been using are closed now
             // that its working set no longer holds them.
-            closeDeferredFds();
+            closeDeferredFds(m_fdsDeferredCloseResponse);
             if (m_shutdown.load() != 0) {
                 hr = QVIPC_E_SHUTDOWN;
                 break;
@@ -225,11 +250,11 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
                 quiet = m_waitingConnectReply.load() != 0;
             }
             if (quiet && keepWaiting != 0) {
-                // The reply wait has no bound of its own. A server that opened this read end
-                // for its reply and is gone without writing one (killed after it took the
-                // CONNECT) will never answer: the attempt fails, so that the connect thread
-                // sends its CONNECT again, to the server's successor.
-                if (n == 0 && m_waitingConnectReply.load() != 0 && writerHungUp(fd)) {
+                if (n != 0 || m_waitingConnectReply.load() == 0) {
+                    CPortable::Sleep(POLL_INTERVAL_MS);
+                } else if (connectReplyLost(fd, m_fdConnectAdmin)) {
+                    // The attempt fails, so that the connect thread sends its CONNECT again,
+                    // to the server's successor.
                     qvTrace(
                         "CQVIPCLibraryImpl::receiveResponseOnClientPipe (0x%08X), server gone "
                         "before its connect reply, id %d",
@@ -237,7 +262,6 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
                     hr = QVIPC_E_DISCONNECTED;
                     break;
                 }
-                CPortable::Sleep(POLL_INTERVAL_MS);
                 continue;
             }
             if (!quiet && m_isServer == 0) enableClientReconnect(slot);

@@ -117,14 +117,15 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
 
     // What the loops above do not cover: a client's read ends that its connect thread made
     // before it was stopped (the highest-slot values cover slot 1 only once connected), and
-    // response read ends that a server's receiver had not yet closed itself.
+    // read ends of freed slots that a server's receivers had not yet closed themselves.
     if (m_isServer == 0) {
         closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
         closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
         closeFd(m_fdsSendRequest[REQUEST_PIPE]);
         closeFd(m_fdsSendResponse[REQUEST_PIPE]);
     }
-    closeDeferredFds();
+    closeDeferredFds(m_fdsDeferredCloseRequest);
+    closeDeferredFds(m_fdsDeferredCloseResponse);
 
     cleanupPipenames();
     qvTrace("<<<CQVIPCLibraryImpl::finalize (0x%08X)", addr);

@@ -59,14 +59,13 @@ protected:
         return fillers;
     }
 
-    // One request of the pair's client, answered by the server's echo.
-    static void expectRoundTrip(ConnectedPair& pair, const std::string& body) {
-        unsigned long id = 0;
-        ASSERT_EQ(S_OK, pair.client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr));
-        const Received r = ReceiveResponse(*pair.client, 48);
-        EXPECT_EQ(S_OK, r.hr);
-        EXPECT_EQ(id, r.requestId);
-        EXPECT_TRUE(r.body == body);
+    // Waits until the server's request loop tries to open the reply FIFO of a raw client.
+    bool waitReplyOpenTries(uint32_t connectId) {
+        return WaitLine(m_capture,
+                        "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening "
+                        "m_fdsSendResponse /tmp/" +
+                            m_guid + "-svr-rsp-" + std::to_string(connectId) + "-p" +
+                            std::to_string(getpid()));
     }
 
     ipctest::LineCapture m_capture;
@@ -110,7 +109,7 @@ TEST_F(FaultTest, AdminFifoGarbageIsReportedAndTheServerGoesOn) {
             SCOPED_TRACE(c.name);
             ASSERT_TRUE(WriteAdmin(m_guid, c.bytes));
             EXPECT_TRUE(WaitLine(m_capture, c.line, c.count));
-            expectRoundTrip(pair, c.name);
+            ExpectRoundTrip(*pair.client, c.name);
         }
         EXPECT_EQ(3u, CountLines(m_capture, invalid));
         // Nothing of it reached the application: one connection, then the echoed requests.
@@ -141,13 +140,13 @@ TEST_F(FaultTest, DisconnectRecordFreesTheSlotOfItsConnectId) {
     ASSERT_EQ(0u, next.connect());
     ASSERT_TRUE(pair.serverLoop->waitConnections(3));
     EXPECT_EQ(2ul, pair.serverLoop->connections()[2]);
-    expectRoundTrip(pair, "others still served");
+    ExpectRoundTrip(*pair.client, "others still served");
 }
 
 TEST_F(FaultTest, ClientReconnectsAfterAShortResponseHeader) {
     ConnectedPair pair(m_guid, 4, 48, true);
     ASSERT_TRUE(pair.ok);
-    expectRoundTrip(pair, "before");
+    ExpectRoundTrip(*pair.client, "before");
     // Ten bytes where the client expects a 68-byte header (connect ids: server 1, client 3).
     const std::string path = "/tmp/" + m_guid + "-svr-rsp-3-p" + std::to_string(getpid());
     const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK);
@@ -166,7 +165,7 @@ TEST_F(FaultTest, ClientReconnectsAfterAShortResponseHeader) {
     const unsigned long again = pair.serverLoop->connections()[1];
     EXPECT_TRUE(again == 1 || again == 2) << again;
     ASSERT_TRUE(pair.clientLoop->waitConnections(2));
-    expectRoundTrip(pair, "after");
+    ExpectRoundTrip(*pair.client, "after");
 }
 
 TEST_F(FaultTest, HeaderOfUnknownTypeYieldsAnEmptyResultAndItsBodyIsNotRead) {
@@ -191,7 +190,7 @@ TEST_F(FaultTest, HeaderOfUnknownTypeYieldsAnEmptyResultAndItsBodyIsNotRead) {
     EXPECT_EQ(2ul, got[1].requestId);
     EXPECT_EQ(9, got[1].requestType);
     EXPECT_EQ("body", got[1].body);
-    expectRoundTrip(pair, "others still served");
+    ExpectRoundTrip(*pair.client, "others still served");
 }
 
 TEST_F(FaultTest, BodyCutShortByADyingWriterIsAFailedRead) {
@@ -231,7 +230,7 @@ TEST_F(FaultTest, BodyCutShortByADyingWriterIsAFailedRead) {
         EXPECT_TRUE(last.bodyNull);
         EXPECT_EQ(4, last.requestType);
         raw.closeAll();
-        expectRoundTrip(pair, "others still served");
+        ExpectRoundTrip(*pair.client, "others still served");
     }
     EXPECT_EQ(
         failures,
@@ -262,16 +261,7 @@ TEST_F(FaultTest, FullFifoMakesTheSendFailAfterItsTimeOut) {
         EXPECT_EQ(1u, CountLines(m_capture, "L/0/64 (Error) CQVIPCLibraryImpl::sendRequest (" +
                                                 addr + "), writev failed 11"));
         // The other direction still works.
-        std::string body = "after the full fifo";
-        hr = QVIPC_E_NO_PIPE;
-        ASSERT_TRUE(qvtest::WaitFor(
-            [&] {
-                hr = client->sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
-                return hr != QVIPC_E_NO_PIPE;
-            },
-            DEADLINE));
-        EXPECT_EQ(S_OK, hr);
-        EXPECT_EQ(body, ReceiveResponse(*client, 48).body);
+        ExpectRoundTrip(*client, "after the full fifo");
         client->finalize();
         server->finalize();
     }
@@ -316,15 +306,38 @@ TEST_F(FaultTest, FinalizeEndsAConnectThatWaitsForItsClient) {
     RequestLoop serverLoop(*server, 48, true);
     RawClient raw(m_guid, 900009);
     ASSERT_TRUE(raw.connectWithoutReader());
-    ASSERT_TRUE(WaitLine(m_capture,
-                         "T/16/2 CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening "
-                         "m_fdsSendResponse /tmp/" +
-                             m_guid + "-svr-rsp-900009-p" + std::to_string(getpid())));
+    ASSERT_TRUE(waitReplyOpenTries(900009));
     // The server's loop sits in the 20 seconds of open tries; finalize does not wait them out.
     EXPECT_EQ(S_OK, server->finalize());
     serverLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_TRUE(serverLoop.connections().empty());
+}
+
+// The reconnect command frees a server's slots on the caller's thread while the request loop is
+// admitting another client; both change the slot tables and the connect-id map.
+TEST_F(FaultTest, ReconnectCommandFreesSlotsWhileAConnectIsUnderWay) {
+    {
+        auto server = MakeServer(m_guid, 4);
+        ASSERT_EQ(S_OK, server->initialize());
+        RequestLoop serverLoop(*server, 48, true);
+        RawClient dropped(m_guid, 900019);
+        ASSERT_EQ(0u, dropped.connect());
+        RawClient late(m_guid, 900021);
+        ASSERT_TRUE(late.connectWithoutReader());
+        ASSERT_TRUE(waitReplyOpenTries(900021));
+        server->dump("reconn");
+        EXPECT_EQ(0u, late.answerConnect());
+        // The late client keeps the slot chosen before slot 1 was freed; the next one gets 1.
+        auto client = MakeClient(m_guid);
+        ASSERT_EQ(S_OK, client->initialize());
+        ASSERT_TRUE(serverLoop.waitConnections(3));
+        EXPECT_EQ(std::vector<unsigned long>({1, 2, 1}), serverLoop.connections());
+        ExpectRoundTrip(*client, "after");
+        client->finalize();
+        server->finalize();
+    }
+    EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
 }
 
 // A CONNECT whose sender died before the server could open its reply FIFO is given up as soon
@@ -443,16 +456,7 @@ TEST_F(FaultTest, DescriptorsBeyondFdSetSizeRefuseTheConnectUntilLowOnesAreFree)
         for (const int fd : fillers) close(fd);
         // The client asks again after a pause and is admitted.
         ASSERT_TRUE(serverLoop.waitConnections(1));
-        unsigned long id = 0;
-        QVRESULT hr = S_OK;
-        ASSERT_TRUE(qvtest::WaitFor(
-            [&] {
-                hr = client->sendRequest(0, "low again", 9, &id, 1, nullptr);
-                return hr != QVIPC_E_NO_PIPE;
-            },
-            DEADLINE));
-        EXPECT_EQ(S_OK, hr);
-        EXPECT_EQ("low again", ReceiveResponse(*client, 48).body);
+        ExpectRoundTrip(*client, "low again");
         client->finalize();
         server->finalize();
     }

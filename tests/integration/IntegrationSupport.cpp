@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 
 #include <cstring>
 
+#include "tests/integration/ReadmeExample.h"
 #include "tests/support/TestSupport.h"
 
 namespace itest {
@@ -122,6 +124,22 @@ ConnectedPair::~ConnectedPair() {
     server->finalize();
     clientLoop.reset();
     serverLoop.reset();
+}
+
+void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body) {
+    unsigned long id = 0;
+    QVRESULT hr = S_OK;
+    ASSERT_TRUE(qvtest::WaitFor(
+        [&] {
+            hr = client.sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
+            return hr != QVIPC_E_NO_PIPE;
+        },
+        DEADLINE));
+    ASSERT_EQ(S_OK, hr);
+    const Received r = ReceiveResponse(client, 48);
+    EXPECT_EQ(S_OK, r.hr);
+    EXPECT_EQ(id, r.requestId);
+    EXPECT_TRUE(r.body == body);
 }
 
 std::string Pattern(size_t n, unsigned seed) {
@@ -262,11 +280,21 @@ bool RawClient::connectWithoutReader() {
     return writeConnect();
 }
 
+// The request FIFO first: the server opens its write end once, right after the reply FIFO.
+void RawClient::openReadEnds() {
+    m_recvRequest = open(path("cli-req").c_str(), O_RDONLY | O_NONBLOCK);
+    m_recvResponse = open(path("svr-rsp").c_str(), O_RDONLY | O_NONBLOCK);
+}
+
 uint32_t RawClient::connect() {
     makeFifos();
-    m_recvResponse = open(path("svr-rsp").c_str(), O_RDONLY | O_NONBLOCK);
-    m_recvRequest = open(path("cli-req").c_str(), O_RDONLY | O_NONBLOCK);
+    openReadEnds();
     if (!writeConnect()) return ~0u;
+    return answerConnect();
+}
+
+uint32_t RawClient::answerConnect() {
+    if (m_recvResponse == -1) openReadEnds();
     if (!waitReadable(m_recvResponse, DEADLINE)) return ~0u;
     char reply[68];
     if (read(m_recvResponse, reply, sizeof reply) != 68) return ~0u;
@@ -359,6 +387,24 @@ int RunPeer(const std::string& argument) {
                 usleep(10000);
             }
         }
+    }
+    if (role == "swallow-connect") {
+        // Takes the first admin record from the service's admin FIFO and dies, as a server
+        // killed right after it read a CONNECT.
+        const std::string admin = "/tmp/" + guid + "-svr-admin";
+        mknod(admin.c_str(), S_IFIFO | 0666, 0);
+        const int fd = open(admin.c_str(), O_RDONLY | O_NONBLOCK);
+        if (fd == -1) return 3;
+        char record[72];
+        while (!waitReadable(fd, DEADLINE) || read(fd, record, sizeof record) != 72) {
+        }
+        uint32_t type = 0;
+        std::memcpy(&type, record, 4);
+        return type == 1 ? 0 : 4;
+    }
+    if (role == "readme-server") {
+        readme::Server(guid);
+        return 0;
     }
     if (role == "exit-client") {
         // Left undestroyed on purpose: only the process's pipe-name registry cleans up. Held by

@@ -92,6 +92,9 @@ struct ConnectedPair {
 Received ReceiveRequest(CQVIPCLibrary& lib, unsigned long extSize);
 Received ReceiveResponse(CQVIPCLibrary& lib, unsigned long extSize);
 
+// One echoed round trip of a client, sent once the client has its connection.
+void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body);
+
 // A body of n bytes whose content depends on n and seed.
 std::string Pattern(size_t n, unsigned seed);
 
@@ -125,6 +128,9 @@ public:
     uint32_t connect();
     // Makes the FIFOs and writes CONNECT, but opens no read end: the server can never answer.
     bool connectWithoutReader();
+    // After connectWithoutReader: opens the read ends the server waits for and takes the reply
+    // as connect() does.
+    uint32_t answerConnect();
     // Writes raw bytes into the server-request FIFO; closeAfter closes the write end.
     bool sendRaw(const std::string& bytes, bool closeAfter);
     // Closes every descriptor (the server then sees end of file).
@@ -136,6 +142,7 @@ private:
     std::string path(const char* role) const;
     void makeFifos() const;
     bool writeConnect() const;
+    void openReadEnds();
 
     std::string m_guid;
     uint32_t m_connectId;
@@ -167,7 +174,8 @@ private:
 
 // Entry of a peer process; returns its exit status. argument is "<role>,<guid>"; the roles:
 // server (an echo server for 8 clients), client (sends requests without pause), exit-client
-// (connects, then leaves main without finalize).
+// (connects, then leaves main without finalize), swallow-connect (reads the first admin record
+// and exits: 0 when it was a CONNECT), readme-server (README.md's example server).
 int RunPeer(const std::string& argument);
 
 }  // namespace itest

@@ -4,8 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <memory>
+#include <thread>
+
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "tests/integration/IntegrationSupport.h"
+#include "tests/integration/ReadmeExample.h"
 #include "tests/support/TestSupport.h"
 
 using namespace itest;
@@ -34,23 +39,6 @@ protected:
     std::vector<std::unique_ptr<Peer>> m_peers;
 };
 
-// One round trip from a client once it is connected.
-void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body) {
-    unsigned long id = 0;
-    QVRESULT hr = S_OK;
-    ASSERT_TRUE(qvtest::WaitFor(
-        [&] {
-            hr = client.sendRequest(0, body.data(), body.size(), &id, 1, nullptr);
-            return hr != QVIPC_E_NO_PIPE;
-        },
-        DEADLINE));
-    ASSERT_EQ(S_OK, hr);
-    const Received r = ReceiveResponse(client, 48);
-    EXPECT_EQ(S_OK, r.hr);
-    EXPECT_EQ(id, r.requestId);
-    EXPECT_TRUE(r.body == body);
-}
-
 TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
     {
         auto client = MakeClient(m_guid);
@@ -72,9 +60,49 @@ TEST_F(ProcessTest, ClientSurvivesItsServersRestart) {
         ExpectRoundTrip(*client, "after");
         EXPECT_EQ(2u, CountLines(m_capture, "L/0/2 CQVIPCLibraryImpl::connectThreadFunc (" + addr +
                                                 ") - starting"));
+        // The response FIFO made anew for the reconnect has had no writer yet; that is no
+        // disconnect, whatever the old FIFO delivered before.
+        EXPECT_EQ(0u, CountLines(m_capture,
+                                 "L/0/64 (Error) CQVIPCLibraryImpl::receiveResponseOnClientPipe (" +
+                                     addr + "), client disconnected, id 1"));
         client->finalize();
     }
     EXPECT_EQ(m_fdsBefore, qvtest::CountOpenFds());
+}
+
+// A server that took the CONNECT and died before it opened the reply FIFO never answers; the
+// client must give that attempt up and connect to the next server.
+TEST_F(ProcessTest, ClientConnectsAfterItsServerDiedWithTheConnectUnanswered) {
+    Peer& swallower = startPeer("swallow-connect");
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client, 48, false);
+    EXPECT_EQ(0, swallower.wait());
+    // The client looks for a server again (the line serves as a synchronisation point only).
+    const std::string lookingAgain =
+        "T/16/64 (Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin /tmp/" +
+        m_guid + "-svr-admin, errno 6";
+    ASSERT_TRUE(WaitLine(m_capture, lookingAgain, CountLines(m_capture, lookingAgain) + 1));
+    auto server = MakeServer(m_guid, 4);
+    ASSERT_EQ(S_OK, server->initialize());
+    RequestLoop serverLoop(*server, 48, true);
+    ASSERT_TRUE(clientLoop.waitConnections(1));
+    ExpectRoundTrip(*client, "answered");
+}
+
+// The API example that README.md shows, built from the document: its client half, here, talks
+// to its server half in another process.
+TEST_F(ProcessTest, ReadmeExampleRuns) {
+    startPeer("readme-server");
+    // Shared with the client thread, which is left behind should it never return.
+    auto result = std::make_shared<std::atomic<QVRESULT>>(~0u);
+    std::thread client([guid = m_guid, result] { result->store(readme::Client(guid)); });
+    if (!qvtest::WaitFor([&] { return result->load() != ~0u; }, DEADLINE)) {
+        client.detach();
+        FAIL() << "the example's client did not finish";
+    }
+    client.join();
+    EXPECT_EQ(S_OK, result->load());
 }
 
 TEST_F(ProcessTest, ServerFreesTheSlotOfAKilledClientAndServesTheOthers) {

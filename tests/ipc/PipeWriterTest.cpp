@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +138,46 @@ TEST(PipeWriterTest, AsynchronousWritevStopsAtAnEmptyElementOrAFailure) {
     errno = 0;
     EXPECT_EQ(-1, writer.writev(fds[1], withEmpty, 1, 2));
     EXPECT_EQ(EPIPE, errno);
+    close(fds[1]);
+}
+
+// Bodies up to 4 GiB - 1 are valid on the wire, but the writers report their count as an int:
+// a message of 2 GiB or more is refused whole, before a byte is written, on both word sizes.
+TEST(PipeWriterTest, MessagesBeyondAnIntAreRefusedBeforeAnythingIsWritten) {
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    CPIPEIOSynchronous sync(nullptr);
+    CPIPEIOAsynchronous async(nullptr);
+    CPIPEIOBase* const writers[] = {&sync, &async};
+    char header[72] = {};
+    struct Case {
+        size_t body;
+        ssize_t total;
+    };
+    const size_t intMax = INT_MAX;
+    const Case cases[] = {
+        {0, 72},
+        {intMax - 72, INT_MAX},
+        {intMax - 71, -1},
+        {0xFFFFFFFFu, -1},  // the sum wraps to 71 in a 32-bit size_t
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.body);
+        // Only the lengths are looked at before the refusal; the body is never read.
+        const iovec iov[2] = {{header, sizeof header}, {header, c.body}};
+        EXPECT_EQ(c.total, gatherLength(iov, 2));
+        if (c.total >= 0) continue;
+        for (CPIPEIOBase* w : writers) {
+            errno = 0;
+            EXPECT_EQ(-1, w->writev(fds[1], iov, 2, 1));
+            EXPECT_EQ(EOVERFLOW, errno);
+        }
+    }
+    char got;
+    EXPECT_EQ(-1, read(fds[0], &got, 1));
+    EXPECT_EQ(EAGAIN, errno);
+    close(fds[0]);
     close(fds[1]);
 }
 
