@@ -73,9 +73,11 @@ struct FreeList {
     Block* pHead;
 };
 
-// A released container's block, kept with the storage of its vectors: the next container of
-// as many entries gets that storage instead of a new allocation. The storage is the exact
-// size the parser reserved, so a tree built from it holds no more than one built afresh.
+// A released container's block, kept with its vectors: the next container of as many entries
+// gets them instead of new allocations. The storage is the exact size the parser reserved, so
+// a tree built from it holds no more than one built afresh. The values stay in the vector as
+// released (their destructors do nothing) and the parser sets every field of each again, so
+// neither keeping nor reusing them walks them once more.
 struct SpareArray {
     SpareArray* pNext;
     std::vector<UnsafeJSONValue> values;
@@ -96,9 +98,20 @@ static_assert(alignof(SpareObject) <= alignof(ObjectValue), "a spare object live
 // large vector costs the heap little per entry.
 constexpr size_t MAX_SPARE = 64;
 
-// What a thread keeps, in all: enough for the containers of several message-sized documents,
-// while most of a huge document's containers go back to the heap.
-constexpr size_t KEEP_BYTES = 1024 * 1024;
+// What a thread keeps, in all: the containers of many message-sized documents, or of one large
+// document parsed again and again; beyond that, containers go back to the heap. When the cache
+// is full, each bin is cut down to what the last two parses took from it.
+constexpr size_t KEEP_BYTES = 8 * 1024 * 1024;
+
+// How much a bin is used: spares taken in the last two parses, spares put in it since the
+// current parse began, and spares in it.
+struct BinUse {
+    uint32_t nParse;  // the parse that nThis and nAdded count
+    uint32_t nThis;
+    uint32_t nLast;   // taken in the parse before nParse
+    uint32_t nAdded;  // put in since nParse began: the shape of the latest document
+    uint32_t nKept;
+};
 
 }  // namespace
 
@@ -110,9 +123,13 @@ struct Cache {
     FreeList objects;                           // blocks of sizeof(ObjectValue)
     SpareArray* pSpareArrays[MAX_SPARE + 1];    // by the capacity of their values
     SpareObject* pSpareObjects[MAX_SPARE + 1];  // by the capacity of their members
-    size_t nBytes;                              // kept in blocks and in the spares' storage
-    bool bReaper;                               // the reaper of this thread is registered
-    bool bClosed;                               // the reaper has run: nothing is kept any more
+    BinUse arrayUse[MAX_SPARE + 1];
+    BinUse objectUse[MAX_SPARE + 1];
+    uint32_t nParse;  // parses begun on this thread (wrapping)
+    uint32_t nSwept;  // nParse at the last sweep
+    size_t nBytes;    // kept in blocks and in the spares' storage
+    bool bReaper;     // the reaper of this thread is registered
+    bool bClosed;     // the reaper has run: nothing is kept any more
 };
 
 namespace {
@@ -156,13 +173,27 @@ size_t StorageBytes(const SpareObject& spare) {
     return StorageBytes(spare.members) + StorageBytes(spare.names);
 }
 
+// Brings a bin's counts up to the current parse.
+BinUse& Use(Cache& cache, BinUse& use) {
+    if (use.nParse != cache.nParse) {
+        use.nLast = use.nParse + 1 == cache.nParse ? use.nThis : 0;
+        use.nThis = 0;
+        use.nAdded = 0;
+        use.nParse = cache.nParse;
+    }
+    return use;
+}
+
 // Takes a spare of the given capacity off its bin, its storage no longer counted as kept;
 // null when there is none.
 template <typename Spare>
-Spare* PopSpare(Cache& cache, Spare** bins, size_t capacity) {
+Spare* PopSpare(Cache& cache, Spare** bins, BinUse* uses, size_t capacity) {
     if (capacity == 0 || capacity > MAX_SPARE || bins[capacity] == nullptr) return nullptr;
     Spare* spare = bins[capacity];
     bins[capacity] = spare->pNext;
+    BinUse& use = Use(cache, uses[capacity]);
+    ++use.nThis;
+    --use.nKept;
     UnpoisonSpare(*spare);
     cache.nBytes -= StorageBytes(*spare);
     return spare;
@@ -205,9 +236,38 @@ __attribute__((noinline)) void RegisterReaper(Cache& cache) {
     cache.bReaper = true;
 }
 
-// Whether bytes more may be kept; the first time, registers the reaper of the thread.
+// Cuts every bin down to what this parse or the one before took from it, or what was put in it
+// since this parse began: spares kept for the shape of documents no longer read would hold the
+// cache's room for ever.
+template <typename Spare>
+void SweepBins(Cache& cache, Spare** bins, BinUse* uses, size_t size) {
+    for (size_t i = 1; i <= MAX_SPARE; ++i) {
+        BinUse& use = Use(cache, uses[i]);
+        uint32_t wanted = use.nThis > use.nLast ? use.nThis : use.nLast;
+        if (use.nAdded > wanted) wanted = use.nAdded;
+        while (use.nKept > wanted) {
+            Spare* spare = bins[i];
+            bins[i] = spare->pNext;
+            --use.nKept;
+            UnpoisonSpare(*spare);
+            cache.nBytes -= size + StorageBytes(*spare);
+            spare->~Spare();
+            ::operator delete(spare, size);
+        }
+    }
+}
+
+// Whether bytes more may be kept; the first time, registers the reaper of the thread. A full
+// cache is swept at most once per parse.
 bool MayKeep(Cache& cache, size_t bytes) {
-    if (cache.bClosed || cache.nBytes + bytes > KEEP_BYTES) return false;
+    if (cache.bClosed) return false;
+    if (cache.nBytes + bytes > KEEP_BYTES) {
+        if (cache.nSwept == cache.nParse) return false;
+        cache.nSwept = cache.nParse;
+        SweepBins(cache, cache.pSpareArrays, cache.arrayUse, sizeof(ArrayValue));
+        SweepBins(cache, cache.pSpareObjects, cache.objectUse, sizeof(ObjectValue));
+        if (cache.nBytes + bytes > KEEP_BYTES) return false;
+    }
     if (!cache.bReaper) RegisterReaper(cache);
     return true;
 }
@@ -245,18 +305,32 @@ bool Keepable(Cache& cache, const std::vector<T>& v, size_t blockSize) {
 
 void ReleaseIn(Cache& cache, CompositeValue* container);
 
+// The values are destroyed or kept as they are right after, so they are not reset one by one.
 void ReleaseValuesIn(Cache& cache, std::vector<UnsafeJSONValue>& values) {
-    for (UnsafeJSONValue& v : values) {
+    UnsafeJSONValue* const begin = values.data();
+    const size_t count = values.size();
+    for (size_t i = 0; i < count; ++i) {
+        UnsafeJSONValue& v = begin[i];
+        // A large tree is out of the cache by the time it is released: the next child is
+        // fetched while this one is taken apart.
+        if (i + 1 < count && begin[i + 1].m_pComposite != nullptr) {
+            __builtin_prefetch(begin[i + 1].m_pComposite);
+        }
         if (v.m_bOwned && v.m_pText != nullptr) delete[] v.m_pText;
         if (v.m_pComposite != nullptr) ReleaseIn(cache, v.m_pComposite);
     }
-    // The values are destroyed right after their release, so they are not reset one by one.
-    values.clear();
+}
+
+// Whether a released container's values may be kept: only a full vector, as the parser makes
+// them, so that a reused one has exactly as many values as its capacity.
+bool KeepableValues(Cache& cache, const std::vector<UnsafeJSONValue>& values, size_t bytes) {
+    return values.size() == values.capacity() && Keepable(cache, values, bytes);
 }
 
 void ReleaseArray(Cache& cache, ArrayValue* array) {
     ReleaseValuesIn(cache, array->m_values);
-    if (!Keepable(cache, array->m_values, sizeof(ArrayValue))) {
+    if (!KeepableValues(cache, array->m_values, sizeof(ArrayValue))) {
+        array->m_values.clear();  // released already: the destructor must not see them
         array->ArrayValue::~ArrayValue();
         Put(cache, cache.arrays, array, sizeof(ArrayValue));
         return;
@@ -268,6 +342,9 @@ void ReleaseArray(Cache& cache, ArrayValue* array) {
     PoisonStorage(values);
     SpareArray*& bin = cache.pSpareArrays[capacity];
     bin = new (array) SpareArray{bin, std::move(values)};
+    BinUse& use = Use(cache, cache.arrayUse[capacity]);
+    ++use.nAdded;
+    ++use.nKept;
 }
 
 void ReleaseObject(Cache& cache, ObjectValue* object) {
@@ -277,7 +354,8 @@ void ReleaseObject(Cache& cache, ObjectValue* object) {
     }
     object->m_names.clear();
     std::vector<UnsafeJSONValue>& members = object->m_members.m_values;
-    if (!Keepable(cache, members, sizeof(ObjectValue) + StorageBytes(object->m_names))) {
+    if (!KeepableValues(cache, members, sizeof(ObjectValue) + StorageBytes(object->m_names))) {
+        members.clear();  // released already: the destructor must not see them
         object->ObjectValue::~ObjectValue();
         Put(cache, cache.objects, object, sizeof(ObjectValue));
         return;
@@ -291,6 +369,9 @@ void ReleaseObject(Cache& cache, ObjectValue* object) {
     PoisonStorage(names);
     SpareObject*& bin = cache.pSpareObjects[capacity];
     bin = new (object) SpareObject{bin, std::move(kept), std::move(names)};
+    BinUse& use = Use(cache, cache.objectUse[capacity]);
+    ++use.nAdded;
+    ++use.nKept;
 }
 
 // The exact class is told by the address of its type_info, which a class with a key function
@@ -326,33 +407,49 @@ ObjectValue* NewObject(Cache& cache) {
     return new (p) ObjectValue(0);
 }
 
-void Reserve(Cache& cache, ArrayValue& array, size_t count) {
+void BeginParse(Cache& cache) { ++cache.nParse; }
+
+namespace {
+
+// Appends count values, exactly as many as asked when the vector has no storage yet.
+UnsafeJSONValue* Append(std::vector<UnsafeJSONValue>& values, size_t count) {
+    const size_t size = values.size();
+    values.reserve(size + count);
+    values.resize(size + count);
+    return values.data() + size;
+}
+
+}  // namespace
+
+UnsafeJSONValue* Reserve(Cache& cache, ArrayValue& array, size_t count) {
     std::vector<UnsafeJSONValue>& values = array.m_values;
     if (values.capacity() == 0) {
-        if (SpareArray* spare = PopSpare(cache, cache.pSpareArrays, count)) {
+        if (SpareArray* spare = PopSpare(cache, cache.pSpareArrays, cache.arrayUse, count)) {
             values.swap(spare->values);
             spare->~SpareArray();
             Push(cache.arrays, spare, sizeof(ArrayValue));
-            return;
+            return values.data();
         }
     }
-    values.reserve(values.size() + count);
+    return Append(values, count);
 }
 
-void Reserve(Cache& cache, ObjectValue& object, size_t members, size_t names) {
+UnsafeJSONValue* Reserve(Cache& cache, ObjectValue& object, size_t members, size_t names) {
     std::vector<UnsafeJSONValue>& values = object.m_members.m_values;
     if (values.capacity() == 0) {
-        if (SpareObject* spare = PopSpare(cache, cache.pSpareObjects, members)) {
+        if (SpareObject* spare = PopSpare(cache, cache.pSpareObjects, cache.objectUse, members)) {
             values.swap(spare->members);
             if (spare->names.capacity() == names && object.m_names.capacity() == 0) {
                 object.m_names.swap(spare->names);
             }
             spare->~SpareObject();  // frees names storage of another size
             Push(cache.objects, spare, sizeof(ObjectValue));
+            if (names != 0) object.m_names.reserve(object.m_names.size() + names);
+            return values.data();
         }
     }
-    if (members != 0) values.reserve(values.size() + members);
     if (names != 0) object.m_names.reserve(object.m_names.size() + names);
+    return Append(values, members);
 }
 
 void Release(CompositeValue* container) {

@@ -24,11 +24,17 @@ Cache& Local();
 ArrayValue* NewArray(Cache& cache);
 ObjectValue* NewObject(Cache& cache);
 
-// Gives a container room for count more values (an object: members, and names): a vector
-// without storage gets exactly that, from the storage of a released container of as many
-// entries when one was kept; otherwise as reserve would.
-void Reserve(Cache& cache, ArrayValue& array, size_t count);
-void Reserve(Cache& cache, ObjectValue& object, size_t members, size_t names);
+// Counts a parse: what it and the one before it did not use is what may give way when the
+// cache is full.
+void BeginParse(Cache& cache);
+
+// Makes count more values at the end of a container (an object: members, and room for names)
+// and returns the first of them; the caller sets every field of each. A vector without storage
+// gets exactly that many, from the vectors of a released container of as many entries when
+// one was kept (their values then hold what that container left); otherwise they are
+// appended as reserve and resize would.
+UnsafeJSONValue* Reserve(Cache& cache, ArrayValue& array, size_t count);
+UnsafeJSONValue* Reserve(Cache& cache, ObjectValue& object, size_t members, size_t names);
 
 // Clear, then delete: how the design releases a child container. Arrays and objects of exactly
 // the library's classes are taken apart here, children first, and what they held is kept for

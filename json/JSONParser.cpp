@@ -162,6 +162,7 @@ public:
             m_pOwn.reset(new Scratch);
         }
         Get().pCache = &pool::Local();
+        pool::BeginParse(*Get().pCache);
     }
     ~ScratchLease() {
         Scratch& scratch = Get();
@@ -197,15 +198,18 @@ private:
     bool m_bShared = false;
 };
 
-// Moves the values from base on to the end of dst, which has room for them (pool::Reserve).
-void TakeValues(std::vector<UnsafeJSONValue>& dst, Scratch& scratch, size_t base) {
-    for (size_t i = base; i < scratch.values.Size(); ++i) {
-        const Entry& e = scratch.values[i];
-        dst.emplace_back();
-        UnsafeJSONValue& v = dst.back();
+// Moves the values from base on into the values at dst that pool::Reserve made room for,
+// setting every field: those values may hold what a released container left in them.
+void TakeValues(UnsafeJSONValue* dst, Scratch& scratch, size_t base) {
+    const size_t count = scratch.values.Size() - base;
+    for (size_t i = 0; i < count; ++i) {
+        const Entry& e = scratch.values[base + i];
+        UnsafeJSONValue& v = dst[i];
         v.m_type = e.type;
         v.m_pText = e.pText;
         v.m_nLength = e.nLength;
+        v.m_bOwned = false;
+        v.m_nNameIndex = 0;
         v.m_pComposite = e.pComposite;
     }
     scratch.values.Resize(base);
@@ -535,10 +539,10 @@ Type ReadObject(ParseContext& ctx, ObjectValue& object, Scratch& scratch) {
     const Type result = ReadMembers(ctx, object, scratch, nameBase);
     // A failed object keeps what was read, a name without its value included.
     if (typeid(object) == typeid(ObjectValue)) {
-        pool::Reserve(*scratch.pCache, object, scratch.values.Size() - base,
-                      scratch.names.Size() - nameBase);
+        UnsafeJSONValue* values = pool::Reserve(
+            *scratch.pCache, object, scratch.values.Size() - base, scratch.names.Size() - nameBase);
         TakeNames(object.m_names, scratch, nameBase);
-        TakeValues(object.m_members.m_values, scratch, base);
+        TakeValues(values, scratch, base);
     } else {
         GiveNames(object, scratch, nameBase);
         GiveValues(object, scratch, base);
@@ -586,8 +590,8 @@ Type ReadArray(ParseContext& ctx, ArrayValue& array, Scratch& scratch) {
     const size_t base = scratch.values.Size();
     const Type result = ReadElements(ctx, scratch);
     if (typeid(array) == typeid(ArrayValue)) {
-        pool::Reserve(*scratch.pCache, array, scratch.values.Size() - base);
-        TakeValues(array.m_values, scratch, base);
+        TakeValues(pool::Reserve(*scratch.pCache, array, scratch.values.Size() - base), scratch,
+                   base);
     } else {
         GiveValues(array, scratch, base);
     }
