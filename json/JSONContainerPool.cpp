@@ -257,9 +257,8 @@ void SweepBins(Cache& cache, Spare** bins, BinUse* uses, size_t size) {
     }
 }
 
-// Whether bytes more may be kept; the first time, registers the reaper of the thread. A full
-// cache is swept at most once per parse.
-bool MayKeep(Cache& cache, size_t bytes) {
+// MayKeep when the cache is full, closed or new to the thread.
+__attribute__((noinline)) bool MayKeepSlow(Cache& cache, size_t bytes) {
     if (cache.bClosed) return false;
     if (cache.nBytes + bytes > KEEP_BYTES) {
         if (cache.nSwept == cache.nParse) return false;
@@ -270,6 +269,13 @@ bool MayKeep(Cache& cache, size_t bytes) {
     }
     if (!cache.bReaper) RegisterReaper(cache);
     return true;
+}
+
+// Whether bytes more may be kept; the first time, registers the reaper of the thread. A full
+// cache is swept at most once per parse.
+inline bool MayKeep(Cache& cache, size_t bytes) {
+    if (cache.bReaper && !cache.bClosed && cache.nBytes + bytes <= KEEP_BYTES) return true;
+    return MayKeepSlow(cache, bytes);
 }
 
 void* Take(Cache& cache, FreeList& list, size_t size) {
@@ -419,6 +425,10 @@ UnsafeJSONValue* Append(std::vector<UnsafeJSONValue>& values, size_t count) {
     return values.data() + size;
 }
 
+void ReserveNames(std::vector<ObjectValue::NameMap>& names, size_t count) {
+    if (names.capacity() - names.size() < count) names.reserve(names.size() + count);
+}
+
 }  // namespace
 
 UnsafeJSONValue* Reserve(Cache& cache, ArrayValue& array, size_t count) {
@@ -444,11 +454,11 @@ UnsafeJSONValue* Reserve(Cache& cache, ObjectValue& object, size_t members, size
             }
             spare->~SpareObject();  // frees names storage of another size
             Push(cache.objects, spare, sizeof(ObjectValue));
-            if (names != 0) object.m_names.reserve(object.m_names.size() + names);
+            ReserveNames(object.m_names, names);
             return values.data();
         }
     }
-    if (names != 0) object.m_names.reserve(object.m_names.size() + names);
+    ReserveNames(object.m_names, names);
     return Append(values, members);
 }
 

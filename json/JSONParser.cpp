@@ -34,6 +34,16 @@ constexpr std::array<bool, 256> MakeSpaceTable() {
 
 constexpr std::array<bool, 256> SPACE = MakeSpaceTable();
 
+// The bytes that stop neither reading nor white space skipping: anything but white space and
+// NUL.
+constexpr std::array<bool, 256> MakeSignificantTable() {
+    std::array<bool, 256> table{};
+    for (size_t c = 1; c < 256; ++c) table[c] = !SPACE[c];
+    return table;
+}
+
+constexpr std::array<bool, 256> SIGNIFICANT = MakeSignificantTable();
+
 // Words of eight bytes are tested at once where the byte order allows it.
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 constexpr bool WORD_SCAN = true;
@@ -64,6 +74,8 @@ __attribute__((noinline)) char* SkipIndentation(char* p, char* const end) {
 bool SkipSpace(ParseContext& ctx) {
     char* p = ctx.pCur;
     char* const end = ctx.pEnd;
+    // Mostly the cursor is on a significant byte already: nothing to move.
+    if (p < end && SIGNIFICANT[static_cast<unsigned char>(*p)]) return false;
     while (p < end && SPACE[static_cast<unsigned char>(*p)]) {
         if (*p++ == '\n') p = SkipIndentation(p, end);
     }
