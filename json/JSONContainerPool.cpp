@@ -156,7 +156,7 @@ void Drain(FreeList& list, size_t size) {
         Block* b = list.pHead;
         Unpoison(b, size);
         list.pHead = b->pNext;
-        ::operator delete(b, size);
+        ::operator delete(b);
     }
 }
 
@@ -200,14 +200,14 @@ Spare* PopSpare(Cache& cache, Spare** bins, BinUse* uses, size_t capacity) {
 }
 
 template <typename Spare>
-void DrainSpares(Spare** bins, size_t size) {
+void DrainSpares(Spare** bins) {
     for (size_t i = 0; i <= MAX_SPARE; ++i) {
         while (bins[i] != nullptr) {
             Spare* spare = bins[i];
             bins[i] = spare->pNext;
             UnpoisonSpare(*spare);
             spare->~Spare();  // frees the kept storage
-            ::operator delete(spare, size);
+            ::operator delete(spare);
         }
     }
 }
@@ -222,8 +222,8 @@ struct Reaper {
         cache.bClosed = true;
         Drain(cache.arrays, sizeof(ArrayValue));
         Drain(cache.objects, sizeof(ObjectValue));
-        DrainSpares(cache.pSpareArrays, sizeof(ArrayValue));
-        DrainSpares(cache.pSpareObjects, sizeof(ObjectValue));
+        DrainSpares(cache.pSpareArrays);
+        DrainSpares(cache.pSpareObjects);
         cache.nBytes = 0;
     }
 };
@@ -252,7 +252,7 @@ void SweepBins(Cache& cache, Spare** bins, BinUse* uses, size_t size) {
             UnpoisonSpare(*spare);
             cache.nBytes -= size + StorageBytes(*spare);
             spare->~Spare();
-            ::operator delete(spare, size);
+            ::operator delete(spare);
         }
     }
 }
@@ -295,7 +295,7 @@ void Push(FreeList& list, void* p, size_t size) {
 
 void Put(Cache& cache, FreeList& list, void* p, size_t size) {
     if (!MayKeep(cache, size)) {
-        ::operator delete(p, size);
+        ::operator delete(p);
         return;
     }
     cache.nBytes += size;
