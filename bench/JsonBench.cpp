@@ -3,13 +3,17 @@
 // installed. Usage: qvipc_bench_json --data=DIR [benchmark flags].
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/BenchSupport.h"
@@ -47,6 +51,18 @@ size_t HeapInUse() {
     return mi.uordblks + mi.hblkhd;
 }
 
+// Runs f on a thread of its own and returns its result. The heap a document holds is measured
+// there: a new thread has none of the memory a parser may keep from earlier parses on a
+// thread, which would otherwise serve the parse from blocks already counted before it.
+bool OnOwnThread(const std::function<bool()>& f) {
+    bool result = false;
+    std::thread([&] {
+        std::free(std::malloc(1));  // the thread's heap arena, made before the count
+        result = f();
+    }).join();
+    return result;
+}
+
 void SetHeld(benchmark::State& state, size_t before, const File& f) {
     const size_t after = HeapInUse();
     const double held = after > before ? static_cast<double>(after - before) : 0.0;
@@ -75,15 +91,16 @@ void Memcpy(benchmark::State& state, const File& f) {
 // is timed in every in-place row alike.
 void ParseQvInPlace(benchmark::State& state, const File& f) {
     std::vector<char> buf(f.text.size() + 1, '\0');
-    {
-        std::memcpy(buf.data(), f.text.data(), f.text.size());
-        const size_t before = HeapInUse();
-        JSON::Message m(true);
-        if (!m.Parse(buf.data(), static_cast<int>(f.text.size()))) {
-            state.SkipWithError("parse failed");
-            return;
-        }
-        SetHeld(state, before, f);
+    if (!OnOwnThread([&] {
+            std::memcpy(buf.data(), f.text.data(), f.text.size());
+            const size_t before = HeapInUse();
+            JSON::Message m(true);
+            if (!m.Parse(buf.data(), static_cast<int>(f.text.size()))) return false;
+            SetHeld(state, before, f);
+            return true;
+        })) {
+        state.SkipWithError("parse failed");
+        return;
     }
     for (auto _ : state) {
         std::memcpy(buf.data(), f.text.data(), f.text.size());
@@ -94,14 +111,15 @@ void ParseQvInPlace(benchmark::State& state, const File& f) {
 }
 
 void ParseQvCopy(benchmark::State& state, const File& f) {
-    {
-        const size_t before = HeapInUse();
-        JSON::Message m;
-        if (!m.Parse(f.text.c_str(), static_cast<int>(f.text.size()))) {
-            state.SkipWithError("parse failed");
-            return;
-        }
-        SetHeld(state, before, f);
+    if (!OnOwnThread([&] {
+            const size_t before = HeapInUse();
+            JSON::Message m;
+            if (!m.Parse(f.text.c_str(), static_cast<int>(f.text.size()))) return false;
+            SetHeld(state, before, f);
+            return true;
+        })) {
+        state.SkipWithError("parse failed");
+        return;
     }
     for (auto _ : state) {
         JSON::Message m;
@@ -112,15 +130,16 @@ void ParseQvCopy(benchmark::State& state, const File& f) {
 
 #ifdef QVBENCH_HAVE_RAPIDJSON
 void ParseRapid(benchmark::State& state, const File& f) {
-    {
-        const size_t before = HeapInUse();
-        rapidjson::Document d;
-        d.Parse(f.text.c_str());
-        if (d.HasParseError()) {
-            state.SkipWithError("parse failed");
-            return;
-        }
-        SetHeld(state, before, f);
+    if (!OnOwnThread([&] {
+            const size_t before = HeapInUse();
+            rapidjson::Document d;
+            d.Parse(f.text.c_str());
+            if (d.HasParseError()) return false;
+            SetHeld(state, before, f);
+            return true;
+        })) {
+        state.SkipWithError("parse failed");
+        return;
     }
     for (auto _ : state) {
         rapidjson::Document d;
@@ -132,16 +151,17 @@ void ParseRapid(benchmark::State& state, const File& f) {
 
 void ParseRapidInsitu(benchmark::State& state, const File& f) {
     std::vector<char> buf(f.text.size() + 1, '\0');
-    {
-        std::memcpy(buf.data(), f.text.data(), f.text.size());
-        const size_t before = HeapInUse();
-        rapidjson::Document d;
-        d.ParseInsitu(buf.data());
-        if (d.HasParseError()) {
-            state.SkipWithError("parse failed");
-            return;
-        }
-        SetHeld(state, before, f);
+    if (!OnOwnThread([&] {
+            std::memcpy(buf.data(), f.text.data(), f.text.size());
+            const size_t before = HeapInUse();
+            rapidjson::Document d;
+            d.ParseInsitu(buf.data());
+            if (d.HasParseError()) return false;
+            SetHeld(state, before, f);
+            return true;
+        })) {
+        state.SkipWithError("parse failed");
+        return;
     }
     for (auto _ : state) {
         std::memcpy(buf.data(), f.text.data(), f.text.size());
@@ -177,16 +197,124 @@ void ParseSimd(benchmark::State& state, const File& f) {
 
 #ifdef QVBENCH_HAVE_NLOHMANN
 void ParseNlohmann(benchmark::State& state, const File& f) {
-    {
+    OnOwnThread([&] {
         const size_t before = HeapInUse();
         nlohmann::json j = nlohmann::json::parse(f.text);
         SetHeld(state, before, f);
-    }
+        return true;
+    });
     for (auto _ : state) {
         nlohmann::json j = nlohmann::json::parse(f.text);
         benchmark::DoNotOptimize(j.is_object());
     }
     SetThroughput(state, f);
+}
+#endif
+
+// ---- message-sized documents, each parsed alone into a fresh document ----
+
+// Documents of a few hundred bytes to a few KB, as a message body is: the set-up and tear-down
+// of each document count as much as the bytes.
+struct Docs {
+    std::string name;
+    std::vector<std::string> texts;
+    size_t bytes = 0;
+    size_t largest = 0;
+    void Add(std::string text) {
+        bytes += text.size();
+        largest = std::max(largest, text.size());
+        texts.push_back(std::move(text));
+    }
+};
+
+// A request as a client sends it: a few scalars, a nested object and an array (203 bytes).
+const char REQUEST[] =
+    R"({"request":"user.update","id":1042,"session":"7f3a9c2e-55b1-4d2e-9a61-0c8e2f1b7d40",)"
+    R"("params":{"user":"operator","retries":3,"timeout":2.5,"notify":true,)"
+    R"("groups":["admin","audit"]},"ids":[17,42,256,1024]})";
+
+// The elements of the array after "statuses", each as the text it has in the file. Brackets
+// are matched outside strings; the file is known to be well formed.
+std::vector<std::string> StatusTexts(const std::string& text) {
+    std::vector<std::string> out;
+    size_t i = text.find("\"statuses\"");
+    if (i == std::string::npos || (i = text.find('[', i)) == std::string::npos) return out;
+    ++i;
+    int depth = 0;
+    size_t start = 0;
+    for (; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                if (text[i] == '\\') ++i;
+            }
+        } else if (c == '{' || c == '[') {
+            if (depth++ == 0) start = i;
+        } else if (c == '}' || c == ']') {
+            if (depth == 0) break;  // the end of the statuses
+            if (--depth == 0) out.push_back(text.substr(start, i + 1 - start));
+        }
+    }
+    return out;
+}
+
+void SetDocsThroughput(benchmark::State& state, const Docs& d) {
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(d.bytes));
+}
+
+// Parses every document of d, each into a fresh document that parseOne(text, size) makes,
+// parses and destroys. In place, each text is first copied into a writable buffer, as the
+// whole-file rows do.
+template <bool IN_PLACE, typename ParseOne>
+void ParseDocs(benchmark::State& state, const Docs& d, ParseOne parseOne) {
+    std::vector<char> buf(d.largest + 1, '\0');
+    for (auto _ : state) {
+        for (const std::string& t : d.texts) {
+            char* text = const_cast<char*>(t.c_str());
+            if (IN_PLACE) {
+                std::memcpy(buf.data(), t.data(), t.size());
+                buf[t.size()] = '\0';
+                text = buf.data();
+            }
+            if (!parseOne(text, t.size())) {
+                state.SkipWithError("parse failed");
+                return;
+            }
+        }
+    }
+    SetDocsThroughput(state, d);
+}
+
+void MsgQvInPlace(benchmark::State& state, const Docs& d) {
+    ParseDocs<true>(state, d, [](char* text, size_t size) {
+        JSON::Message m(true);
+        return m.Parse(text, static_cast<int>(size));
+    });
+}
+
+void MsgQvCopy(benchmark::State& state, const Docs& d) {
+    ParseDocs<false>(state, d, [](const char* text, size_t size) {
+        JSON::Message m;
+        return m.Parse(text, static_cast<int>(size));
+    });
+}
+
+#ifdef QVBENCH_HAVE_RAPIDJSON
+void MsgRapid(benchmark::State& state, const Docs& d) {
+    ParseDocs<false>(state, d, [](const char* text, size_t /*size*/) {
+        rapidjson::Document doc;
+        doc.Parse(text);
+        return !doc.HasParseError();
+    });
+}
+
+void MsgRapidInsitu(benchmark::State& state, const Docs& d) {
+    ParseDocs<true>(state, d, [](char* text, size_t /*size*/) {
+        rapidjson::Document doc;
+        doc.ParseInsitu(text);
+        return !doc.HasParseError();
+    });
 }
 #endif
 
@@ -554,10 +682,15 @@ void SetNlohmann(benchmark::State& state, const File& f) {
 #endif
 
 std::vector<File> g_files;
+std::vector<Docs> g_docs;
 
-void Register(const std::string& name, void (*fn)(benchmark::State&, const File&), const File& f) {
-    benchmark::RegisterBenchmark((name + "/" + f.name).c_str(), [fn, &f](benchmark::State& s) {
-        fn(s, f);
+// Data: a File or Docs, named by its name.
+template <typename Data>
+void Register(const std::string& name, void (*fn)(benchmark::State&, const Data&),
+              const Data& data) {
+    benchmark::RegisterBenchmark((name + "/" + data.name).c_str(), [fn,
+                                                                    &data](benchmark::State& s) {
+        fn(s, data);
     })->Unit(benchmark::kMicrosecond);
 }
 
@@ -574,7 +707,30 @@ bool LoadFiles(const std::string& dir) {
     return !g_files.empty();
 }
 
+void MakeDocs() {
+    Docs request;
+    request.name = "request";
+    request.Add(REQUEST);
+    g_docs.push_back(std::move(request));
+    for (const File& f : g_files) {
+        if (f.name != "twitter") continue;
+        Docs statuses;
+        statuses.name = "twitter_statuses";
+        for (std::string& t : StatusTexts(f.text)) statuses.Add(std::move(t));
+        if (!statuses.texts.empty()) g_docs.push_back(std::move(statuses));
+    }
+}
+
 void RegisterAll() {
+    MakeDocs();
+    for (const Docs& d : g_docs) {
+        Register("Message/qvipc_inplace", MsgQvInPlace, d);
+        Register("Message/qvipc_copy", MsgQvCopy, d);
+#ifdef QVBENCH_HAVE_RAPIDJSON
+        Register("Message/rapidjson", MsgRapid, d);
+        Register("Message/rapidjson_insitu", MsgRapidInsitu, d);
+#endif
+    }
     for (const File& f : g_files) {
         Register("Memcpy/memcpy", Memcpy, f);
         Register("Parse/qvipc_inplace", ParseQvInPlace, f);

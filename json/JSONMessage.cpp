@@ -6,6 +6,8 @@
 #include <cstring>
 #include <memory>
 
+#include "json/JSONContainerPool.h"
+
 namespace JSON {
 
 Message::Message(const Message& src) : JSONValue(), m_bInPlace(src.m_bInPlace) {
@@ -23,9 +25,7 @@ Message& Message::operator=(const Message& src) {
 Message::~Message() { ReleaseRoot(); }
 
 void Message::ReleaseRoot() {
-    if (m_pComposite == nullptr) return;
-    m_pComposite->Clear();
-    delete m_pComposite;
+    pool::Release(m_pComposite);
     m_pComposite = nullptr;
 }
 

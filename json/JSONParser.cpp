@@ -12,6 +12,11 @@
 #include <typeinfo>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "json/JSONContainerPool.h"
 #include "json/JSONMessage.h"
 
 namespace JSON {
@@ -29,12 +34,51 @@ constexpr std::array<bool, 256> MakeSpaceTable() {
 
 constexpr std::array<bool, 256> SPACE = MakeSpaceTable();
 
+// The bytes that stop neither reading nor white space skipping: anything but white space and
+// NUL.
+constexpr std::array<bool, 256> MakeSignificantTable() {
+    std::array<bool, 256> table{};
+    for (size_t c = 1; c < 256; ++c) table[c] = !SPACE[c];
+    return table;
+}
+
+constexpr std::array<bool, 256> SIGNIFICANT = MakeSignificantTable();
+
+// Words of eight bytes are tested at once where the byte order allows it.
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+constexpr bool WORD_SCAN = true;
+#else
+constexpr bool WORD_SCAN = false;
+#endif
+
+constexpr uint64_t ONES = 0x0101010101010101ULL;
+
+// The first byte in [p, end) that is not a space (0x20), or end; only whole words before end
+// are read. Indentation after a line break is where long runs of white space are.
+__attribute__((noinline)) char* SkipIndentation(char* p, char* const end) {
+    if (WORD_SCAN) {
+        while (end - p >= 8) {
+            uint64_t word;
+            std::memcpy(&word, p, sizeof word);
+            const uint64_t other = word ^ (ONES * ' ');  // zero bytes where the spaces are
+            if (other != 0) return p + (__builtin_ctzll(other) >> 3);
+            p += 8;
+        }
+    }
+    while (p < end && *p == ' ') ++p;
+    return p;
+}
+
 // Skips white space; true when the text ends there. Works on local copies of the cursor: the
 // unescaping writes bytes, which the compiler must otherwise assume may change the context.
 bool SkipSpace(ParseContext& ctx) {
     char* p = ctx.pCur;
     char* const end = ctx.pEnd;
-    while (p < end && SPACE[static_cast<unsigned char>(*p)]) ++p;
+    // Mostly the cursor is on a significant byte already: nothing to move.
+    if (p < end && SIGNIFICANT[static_cast<unsigned char>(*p)]) return false;
+    while (p < end && SPACE[static_cast<unsigned char>(*p)]) {
+        if (*p++ == '\n') p = SkipIndentation(p, end);
+    }
     ctx.pCur = p;
     return p >= end || *p == '\0';
 }
@@ -76,11 +120,42 @@ struct Entry {
     Type type;
 };
 
+// A stack of plain records whose storage is kept from parse to parse: a push is a compare and
+// a store, and popping destroys nothing. Records above the top are stale.
+template <typename T>
+class RecordStack {
+public:
+    size_t Size() const { return m_nSize; }
+    size_t Capacity() const { return m_storage.size(); }
+    T& operator[](size_t i) { return m_storage[i]; }
+    T& Push(const T& record) {
+        if (m_nSize == m_storage.size()) Grow();
+        T& top = m_storage[m_nSize++];
+        top = record;
+        return top;
+    }
+    void Pop() { --m_nSize; }
+    void Resize(size_t size) { m_nSize = size; }  // never above Size()
+    void Release() {
+        std::vector<T>().swap(m_storage);
+        m_nSize = 0;
+    }
+
+private:
+    __attribute__((noinline)) void Grow() {
+        m_storage.resize(m_storage.empty() ? 64 : 2 * m_storage.size());
+    }
+
+    std::vector<T> m_storage;
+    size_t m_nSize = 0;
+};
+
 // The values and names read for the containers still open, innermost last. A container takes
 // its own range when it ends, however it ends.
 struct Scratch {
-    std::vector<Entry> values;
-    std::vector<ObjectValue::NameMap> names;
+    RecordStack<Entry> values;
+    RecordStack<ObjectValue::NameMap> names;
+    pool::Cache* pCache = nullptr;  // the thread's, fetched once per parse
 };
 
 // Gives a parse a scratch stack and empties it again afterwards. Each thread keeps its stack
@@ -89,82 +164,78 @@ struct Scratch {
 // on the stack belongs to no container yet and is released here.
 class ScratchLease {
 public:
-    ScratchLease() : m_scratch(Local()) {
+    ScratchLease() : m_local(Local()) {
         // Re-entered on one thread (a parse never calls out, so only by a future change):
         // the second parse works on a stack of its own.
-        if (m_scratch.values.empty() && m_scratch.names.empty() && !InUse()) {
-            InUse() = true;
+        if (!m_local.bInUse) {
+            m_local.bInUse = true;
             m_bShared = true;
         } else {
             m_pOwn.reset(new Scratch);
         }
+        Get().pCache = &pool::Local();
+        pool::BeginParse(*Get().pCache);
     }
     ~ScratchLease() {
         Scratch& scratch = Get();
-        for (Entry& e : scratch.values) delete e.pComposite;
-        scratch.values.clear();
-        scratch.names.clear();
+        for (size_t i = 0; i < scratch.values.Size(); ++i)
+            pool::Delete(scratch.values[i].pComposite);
+        scratch.values.Resize(0);
+        scratch.names.Resize(0);
         if (!m_bShared) return;
         // A stack grown by a huge document is not kept for ever.
-        if (scratch.values.capacity() > KEEP_ENTRIES) std::vector<Entry>().swap(scratch.values);
-        if (scratch.names.capacity() > KEEP_ENTRIES) {
-            std::vector<ObjectValue::NameMap>().swap(scratch.names);
-        }
-        InUse() = false;
+        if (scratch.values.Capacity() > KEEP_ENTRIES) scratch.values.Release();
+        if (scratch.names.Capacity() > KEEP_ENTRIES) scratch.names.Release();
+        m_local.bInUse = false;
     }
     ScratchLease(const ScratchLease&) = delete;
     ScratchLease& operator=(const ScratchLease&) = delete;
 
-    Scratch& Get() { return m_bShared ? m_scratch : *m_pOwn; }
+    Scratch& Get() { return m_bShared ? m_local.scratch : *m_pOwn; }
 
 private:
     static constexpr size_t KEEP_ENTRIES = 16 * 1024;
 
-    static Scratch& Local() {
-        static thread_local Scratch t_scratch;
+    struct ThreadScratch {
+        Scratch scratch;
+        bool bInUse = false;
+    };
+    static ThreadScratch& Local() {
+        static thread_local ThreadScratch t_scratch;
         return t_scratch;
     }
-    static bool& InUse() {
-        static thread_local bool t_bInUse = false;
-        return t_bInUse;
-    }
 
-    Scratch& m_scratch;
+    ThreadScratch& m_local;
     std::unique_ptr<Scratch> m_pOwn;
     bool m_bShared = false;
 };
 
-// Moves the values from base on to the end of dst, in one allocation.
-void TakeValues(std::vector<UnsafeJSONValue>& dst, Scratch& scratch, size_t base) {
-    const size_t count = scratch.values.size() - base;
-    if (count == 0) return;
-    dst.reserve(dst.size() + count);
-    for (size_t i = base; i < scratch.values.size(); ++i) {
-        const Entry& e = scratch.values[i];
-        dst.emplace_back();
-        UnsafeJSONValue& v = dst.back();
+// Moves the values from base on into the values at dst that pool::Reserve made room for,
+// setting every field: those values may hold what a released container left in them.
+void TakeValues(UnsafeJSONValue* dst, Scratch& scratch, size_t base) {
+    const size_t count = scratch.values.Size() - base;
+    for (size_t i = 0; i < count; ++i) {
+        const Entry& e = scratch.values[base + i];
+        UnsafeJSONValue& v = dst[i];
         v.m_type = e.type;
         v.m_pText = e.pText;
         v.m_nLength = e.nLength;
+        v.m_bOwned = false;
+        v.m_nNameIndex = 0;
         v.m_pComposite = e.pComposite;
     }
-    scratch.values.resize(base);
+    scratch.values.Resize(base);
 }
 
 void TakeNames(std::vector<ObjectValue::NameMap>& dst, Scratch& scratch, size_t base) {
-    const size_t count = scratch.names.size() - base;
-    if (count == 0) return;
-    // Element by element: a range insert would instantiate free std templates on the exported
-    // NameMap type, which unoptimised builds then export.
-    dst.reserve(dst.size() + count);
-    for (size_t i = base; i < scratch.names.size(); ++i) dst.push_back(scratch.names[i]);
-    scratch.names.resize(base);
+    for (size_t i = base; i < scratch.names.Size(); ++i) dst.push_back(scratch.names[i]);
+    scratch.names.Resize(base);
 }
 
 // A container of a type derived elsewhere gets its values and names through its own AddValue
 // and AddName, as if they had been added one by one.
 void GiveValues(CompositeValue& dst, Scratch& scratch, size_t base) {
-    for (size_t i = base; i < scratch.values.size(); ++i) {
+    for (size_t i = base; i < scratch.values.Size(); ++i) {
         Entry& e = scratch.values[i];
         JSONValue v;
         v.m_type = e.type;
@@ -174,23 +245,136 @@ void GiveValues(CompositeValue& dst, Scratch& scratch, size_t base) {
         dst.AddValue(v);
         e.pComposite = nullptr;  // dst owns it now
     }
-    scratch.values.resize(base);
+    scratch.values.Resize(base);
 }
 
 void GiveNames(ObjectValue& dst, Scratch& scratch, size_t base) {
-    for (size_t i = base; i < scratch.names.size(); ++i) {
+    for (size_t i = base; i < scratch.names.Size(); ++i) {
         JSONValue name;
         name.m_pText = scratch.names[i].pName;
         name.m_nLength = scratch.names[i].nLength;
         dst.AddName(name);
     }
-    scratch.names.resize(base);
+    scratch.names.Resize(base);
 }
 
 // The readers of the scalars, on an Entry; the Parser operations of the same name wrap them.
 
-// The text starts after the quote even when reading fails; the length is set on success only.
-Type ScanString(ParseContext& ctx, char** pText, int32_t* pLength);
+// The first '"' or '\\' in [p, end), or end. Blocks of 16 bytes (SSE2) or words of 8 are
+// tested at once while a whole block lies before end, so nothing at or beyond end is read.
+__attribute__((noinline)) char* FindQuoteOrBackslashFrom(char* p, char* end) {
+#if defined(__SSE2__)
+    const __m128i quotes = _mm_set1_epi8('"');
+    const __m128i backslashes = _mm_set1_epi8('\\');
+    while (end - p >= 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const int found = _mm_movemask_epi8(
+            _mm_or_si128(_mm_cmpeq_epi8(bytes, quotes), _mm_cmpeq_epi8(bytes, backslashes)));
+        if (found != 0) return p + __builtin_ctz(static_cast<unsigned>(found));
+        p += 16;
+    }
+#endif
+    if (WORD_SCAN) {
+        constexpr uint64_t HIGHS = 0x8080808080808080ULL;
+        while (end - p >= 8) {
+            uint64_t word;
+            std::memcpy(&word, p, sizeof word);
+            const uint64_t quote = word ^ (ONES * '"');
+            const uint64_t backslash = word ^ (ONES * '\\');
+            // Sets the high bit of a zero byte; bits above the first zero byte may be wrong,
+            // the lowest one never is.
+            const uint64_t found =
+                ((quote - ONES) & ~quote & HIGHS) | ((backslash - ONES) & ~backslash & HIGHS);
+            if (found != 0) return p + (__builtin_ctzll(found) >> 3);
+            p += 8;
+        }
+    }
+    while (p < end && *p != '"' && *p != '\\') ++p;
+    return p;
+}
+
+// The same; the first block is tested inline, as most names and strings end within it.
+inline char* FindQuoteOrBackslash(char* p, char* end) {
+#if defined(__SSE2__)
+    if (end - p >= 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const int found = _mm_movemask_epi8(_mm_or_si128(
+            _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')), _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))));
+        if (found != 0) return p + __builtin_ctz(static_cast<unsigned>(found));
+        p += 16;
+    }
+#endif
+    return FindQuoteOrBackslashFrom(p, end);
+}
+
+// The rest of a string that holds an escape: r is its first backslash (or where the text
+// ended), and the bytes before it are in place. Plain bytes are moved as a run.
+__attribute__((noinline)) Type ScanEscapedString(ParseContext& ctx, char* text, char* r,
+                                                 int32_t* pLength) {
+    char* w = r;
+    // The closing quote must lie before pEnd; the byte at pEnd is never read.
+    for (;;) {
+        if (r >= ctx.pEnd || *r == '"') break;
+        if (ctx.pEnd - r < 2) break;  // a backslash with nothing after it
+        ++r;
+        switch (*r) {
+            case 'b':
+                *w = '\b';
+                break;
+            case 'f':
+                *w = '\f';
+                break;
+            case 'n':
+                *w = '\n';
+                break;
+            case 'r':
+                *w = '\r';
+                break;
+            case 't':
+                *w = '\t';
+                break;
+            case 'u': {
+                // Four bytes after the 'u', and the closing quote still to come.
+                if (ctx.pEnd - r <= 4) return TypeInvalid;
+                char hex[5];
+                memcpy(hex, r + 1, 4);
+                hex[4] = '\0';
+                r += 4;
+                w = WriteUtf8(w, strtoul(hex, nullptr, 16));
+                break;
+            }
+            default:  // '"', '\\', '/' and any other byte stand for themselves
+                *w = *r;
+                break;
+        }
+        ++r;
+        ++w;
+        char* stop = FindQuoteOrBackslash(r, ctx.pEnd);
+        std::memmove(w, r, static_cast<size_t>(stop - r));
+        w += stop - r;
+        r = stop;
+    }
+    if (r >= ctx.pEnd || *r != '"') return TypeInvalid;
+    *w = '\0';
+    *pLength = static_cast<int32_t>(w - text);
+    ctx.pCur = r + 1;
+    return TypeString;
+}
+
+// Cursor on the opening quote. The text starts after the quote even when reading fails; the
+// length is set on success only. A string without escapes is only looked at.
+inline Type ScanString(ParseContext& ctx, char** pText, int32_t* pLength) {
+    char* const text = ctx.pCur + 1;
+    *pText = text;
+    char* const stop = FindQuoteOrBackslash(text, ctx.pEnd);
+    if (stop < ctx.pEnd && *stop == '"') {
+        *stop = '\0';
+        *pLength = static_cast<int32_t>(stop - text);
+        ctx.pCur = stop + 1;
+        return TypeString;
+    }
+    return ScanEscapedString(ctx, text, stop, pLength);
+}
 
 // Which bytes a number literal may hold.
 constexpr unsigned char NUMBER_BYTE = 1;
@@ -251,8 +435,7 @@ void ScanNull(ParseContext& ctx, Entry& e) {
 
 // A new, empty entry on top of the scratch stack.
 Entry& NewEntry(Scratch& scratch) {
-    scratch.values.emplace_back();
-    return scratch.values.back();
+    return scratch.values.Push(Entry{nullptr, nullptr, 0, TypeInvalid});
 }
 
 Type ReadArray(ParseContext& ctx, ArrayValue& array, Scratch& scratch);
@@ -260,13 +443,14 @@ Type ReadObject(ParseContext& ctx, ObjectValue& object, Scratch& scratch);
 
 // Starts a container value on the scratch stack, reads it, and stores the result as its type.
 template <typename Container>
-Type ReadContainer(ParseContext& ctx, Scratch& scratch,
+Type ReadContainer(ParseContext& ctx, Scratch& scratch, Container* (*make)(pool::Cache&),
                    Type (*read)(ParseContext&, Container&, Scratch&)) {
-    std::unique_ptr<Container> owned(new Container(0));
-    Container* container = owned.get();
-    scratch.values.push_back(Entry{nullptr, container, 0, TypeInvalid});
-    owned.release();  // the scratch stack owns it now, also when reading it fails
-    const size_t index = scratch.values.size() - 1;
+    // The entry first: once made, the container is owned by the stack, which releases it
+    // also when reading it fails.
+    scratch.values.Push(Entry{nullptr, nullptr, 0, TypeInvalid});
+    const size_t index = scratch.values.Size() - 1;
+    Container* container = make(*scratch.pCache);
+    scratch.values[index].pComposite = container;
     const Type result = read(ctx, *container, scratch);
     scratch.values[index].type = result;
     return result;
@@ -274,8 +458,8 @@ Type ReadContainer(ParseContext& ctx, Scratch& scratch,
 
 // Reads one value onto the scratch stack, also when it fails (then TypeInvalid); at the end of
 // the text or on a byte that starts no value nothing is added.
-Type ReadValue(ParseContext& ctx, Scratch& scratch) {
-    if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
+inline __attribute__((always_inline)) Type ReadValue(ParseContext& ctx, Scratch& scratch) {
+    if (SkipSpace(ctx)) return TypeInvalid;
     switch (*ctx.pCur) {
         case '"': {
             Entry& e = NewEntry(scratch);
@@ -310,9 +494,9 @@ Type ReadValue(ParseContext& ctx, Scratch& scratch) {
             return e.type;
         }
         case '[':
-            return ReadContainer<ArrayValue>(ctx, scratch, ReadArray);
+            return ReadContainer<ArrayValue>(ctx, scratch, pool::NewArray, ReadArray);
         case '{':
-            return ReadContainer<ObjectValue>(ctx, scratch, ReadObject);
+            return ReadContainer<ObjectValue>(ctx, scratch, pool::NewObject, ReadObject);
         default:
             return TypeInvalid;
     }
@@ -328,21 +512,20 @@ Type ReadMembers(ParseContext& ctx, const ObjectValue& object, Scratch& scratch,
     const size_t ordinalBase = object.m_names.size();
     for (;;) {
         // Scanned into its place on the stack, for the same reason as the values.
-        const size_t ordinal = ordinalBase + (scratch.names.size() - nameBase);
-        scratch.names.emplace_back();
-        ObjectValue::NameMap& name = scratch.names.back();
-        name.nOrdinal = static_cast<int32_t>(ordinal);
+        const size_t ordinal = ordinalBase + (scratch.names.Size() - nameBase);
+        ObjectValue::NameMap& name = scratch.names.Push(
+            ObjectValue::NameMap{nullptr, 0, false, static_cast<int32_t>(ordinal)});
         // Whatever byte stands here is taken as the opening quote.
         if (ScanString(ctx, &name.pName, &name.nLength) == TypeInvalid) {
-            scratch.names.pop_back();
+            scratch.names.Pop();
             return TypeInvalid;
         }
-        if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
+        if (SkipSpace(ctx)) return TypeInvalid;
         if (*ctx.pCur != ':') return TypeInvalid;
         ++ctx.pCur;
         SkipSpace(ctx);
         if (ReadValue(ctx, scratch) == TypeInvalid) return TypeInvalid;
-        if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
+        if (SkipSpace(ctx)) return TypeInvalid;
         if (*ctx.pCur == '}') {
             ++ctx.pCur;
             return TypeObject;
@@ -363,13 +546,15 @@ Type ReadObject(ParseContext& ctx, ObjectValue& object, Scratch& scratch) {
     if (depth.TooDeep()) return TypeInvalid;
     ++ctx.pCur;  // '{'
     if (AtEnd(ctx)) return TypeInvalid;
-    const size_t base = scratch.values.size();
-    const size_t nameBase = scratch.names.size();
+    const size_t base = scratch.values.Size();
+    const size_t nameBase = scratch.names.Size();
     const Type result = ReadMembers(ctx, object, scratch, nameBase);
     // A failed object keeps what was read, a name without its value included.
     if (typeid(object) == typeid(ObjectValue)) {
+        UnsafeJSONValue* values = pool::Reserve(
+            *scratch.pCache, object, scratch.values.Size() - base, scratch.names.Size() - nameBase);
         TakeNames(object.m_names, scratch, nameBase);
-        TakeValues(object.m_members.m_values, scratch, base);
+        TakeValues(values, scratch, base);
     } else {
         GiveNames(object, scratch, nameBase);
         GiveValues(object, scratch, base);
@@ -391,14 +576,13 @@ Type ReadElements(ParseContext& ctx, Scratch& scratch) {
         return TypeArray;
     }
     for (;;) {
-        SkipSpace(ctx);
-        if (!AtEnd(ctx) && (*ctx.pCur == ',' || *ctx.pCur == ']')) {
+        if (!SkipSpace(ctx) && (*ctx.pCur == ',' || *ctx.pCur == ']')) {
             // An empty element reads as null; the cursor stays on the separator.
-            scratch.values.push_back(Entry{nullptr, nullptr, 0, TypeNull});
+            scratch.values.Push(Entry{nullptr, nullptr, 0, TypeNull});
         } else if (ReadValue(ctx, scratch) == TypeInvalid) {
             return TypeInvalid;
         }
-        if (AtEnd(ctx) || SkipSpace(ctx)) return TypeInvalid;
+        if (SkipSpace(ctx)) return TypeInvalid;
         if (*ctx.pCur == ']') {
             ++ctx.pCur;
             return TypeArray;
@@ -415,98 +599,16 @@ Type ReadArray(ParseContext& ctx, ArrayValue& array, Scratch& scratch) {
     if (depth.TooDeep()) return TypeInvalid;
     ++ctx.pCur;  // '['
     if (AtEnd(ctx)) return TypeInvalid;
-    const size_t base = scratch.values.size();
+    const size_t base = scratch.values.Size();
     const Type result = ReadElements(ctx, scratch);
     if (typeid(array) == typeid(ArrayValue)) {
-        TakeValues(array.m_values, scratch, base);
+        TakeValues(pool::Reserve(*scratch.pCache, array, scratch.values.Size() - base), scratch,
+                   base);
     } else {
         GiveValues(array, scratch, base);
     }
     array.m_type = result;
     return result;
-}
-
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-constexpr bool WORD_SCAN = true;
-#else
-constexpr bool WORD_SCAN = false;
-#endif
-
-// The first '"' or '\\' in [p, end), or end. Whole 8-byte words are tested at once while a
-// whole word lies before end, so nothing at or beyond end is ever read.
-char* FindQuoteOrBackslash(char* p, char* end) {
-    if (WORD_SCAN) {
-        constexpr uint64_t ONES = 0x0101010101010101ULL;
-        constexpr uint64_t HIGHS = 0x8080808080808080ULL;
-        while (end - p >= 8) {
-            uint64_t word;
-            std::memcpy(&word, p, sizeof word);
-            const uint64_t quote = word ^ (ONES * '"');
-            const uint64_t backslash = word ^ (ONES * '\\');
-            // Sets the high bit of a zero byte; bits above the first zero byte may be wrong,
-            // the lowest one never is.
-            const uint64_t found =
-                ((quote - ONES) & ~quote & HIGHS) | ((backslash - ONES) & ~backslash & HIGHS);
-            if (found != 0) return p + (__builtin_ctzll(found) >> 3);
-            p += 8;
-        }
-    }
-    while (p < end && *p != '"' && *p != '\\') ++p;
-    return p;
-}
-
-Type ScanString(ParseContext& ctx, char** pText, int32_t* pLength) {
-    char* r = ctx.pCur + 1;  // over the opening quote
-    char* w = r;
-    *pText = r;
-    // The closing quote must lie before pEnd; the byte at pEnd is never read.
-    for (;;) {
-        // Plain bytes are moved as a run, and not at all until the first escape.
-        char* stop = FindQuoteOrBackslash(r, ctx.pEnd);
-        if (w != r) std::memmove(w, r, static_cast<size_t>(stop - r));
-        w += stop - r;
-        r = stop;
-        if (r >= ctx.pEnd || *r == '"') break;
-        if (ctx.pEnd - r < 2) break;  // a backslash with nothing after it
-        ++r;
-        switch (*r) {
-            case 'b':
-                *w = '\b';
-                break;
-            case 'f':
-                *w = '\f';
-                break;
-            case 'n':
-                *w = '\n';
-                break;
-            case 'r':
-                *w = '\r';
-                break;
-            case 't':
-                *w = '\t';
-                break;
-            case 'u': {
-                // Four bytes after the 'u', and the closing quote still to come.
-                if (ctx.pEnd - r <= 4) return TypeInvalid;
-                char hex[5];
-                memcpy(hex, r + 1, 4);
-                hex[4] = '\0';
-                r += 4;
-                w = WriteUtf8(w, strtoul(hex, nullptr, 16));
-                break;
-            }
-            default:  // '"', '\\', '/' and any other byte stand for themselves
-                *w = *r;
-                break;
-        }
-        ++r;
-        ++w;
-    }
-    if (r >= ctx.pEnd || *r != '"') return TypeInvalid;
-    *w = '\0';
-    *pLength = static_cast<int32_t>(w - *pText);
-    ctx.pCur = r + 1;
-    return TypeString;
 }
 
 void StoreEntry(const Entry& e, JSONValue& value) {
@@ -597,18 +699,17 @@ bool Message::Parse(const char* text, int length) {
         ReleaseRoot();
         root = nullptr;
     }
-    if (root != nullptr) {
-        root->Clear();
-    } else if (isArray) {
-        root = m_pComposite = new ArrayValue(0);
-    } else {
-        root = m_pComposite = new ObjectValue(0);
-    }
-    m_type = isArray ? TypeArray : TypeObject;
+    if (root != nullptr) root->Clear();
     // The lease, not a bare stack: an allocation failure leaves the containers still open on
     // the stack, and only the lease releases them.
     ScratchLease lease;
     Scratch& scratch = lease.Get();
+    if (root == nullptr) {
+        root = m_pComposite = isArray
+                                  ? static_cast<CompositeValue*>(pool::NewArray(*scratch.pCache))
+                                  : pool::NewObject(*scratch.pCache);
+    }
+    m_type = isArray ? TypeArray : TypeObject;
     const Type result = isArray ? ReadArray(m_context, *static_cast<ArrayValue*>(root), scratch)
                                 : ReadObject(m_context, *static_cast<ObjectValue*>(root), scratch);
     return result != TypeInvalid;

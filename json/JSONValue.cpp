@@ -8,6 +8,8 @@
 #include <cstring>
 #include <memory>
 
+#include "json/JSONContainerPool.h"
+
 namespace JSON {
 
 namespace {
@@ -22,19 +24,6 @@ char* CopyText(const char* text, int32_t* pLength) {
     memcpy(copy, text, len + 1);
     *pLength = static_cast<int32_t>(std::min<size_t>(len, INT32_MAX));
     return copy;
-}
-
-void ReleaseValue(JSONValue& v) {
-    if (v.m_bOwned && v.m_pText != nullptr) {
-        delete[] v.m_pText;
-    }
-    v.m_pText = nullptr;
-    v.m_bOwned = false;
-    if (v.m_pComposite != nullptr) {
-        v.m_pComposite->Clear();
-        delete v.m_pComposite;
-        v.m_pComposite = nullptr;
-    }
 }
 
 char* Shift(char* p, Delta delta) {
@@ -153,9 +142,8 @@ ArrayValue::ArrayValue(int capacity) : CompositeValue() {
     if (capacity > 0) m_values.reserve(static_cast<size_t>(capacity));
 }
 
-ArrayValue::~ArrayValue() {
-    for (UnsafeJSONValue& v : m_values) ReleaseValue(v);
-}
+// The values are destroyed right after their release, so they are not reset one by one.
+ArrayValue::~ArrayValue() { pool::ReleaseValues(m_values); }
 
 CompositeValue* ArrayValue::Clone(Delta delta) const {
     std::unique_ptr<ArrayValue> clone(new ArrayValue(4));
@@ -166,7 +154,7 @@ CompositeValue* ArrayValue::Clone(Delta delta) const {
 int ArrayValue::Size() const { return static_cast<int>(m_values.size()); }
 
 void ArrayValue::Clear() {
-    for (UnsafeJSONValue& v : m_values) ReleaseValue(v);
+    pool::ReleaseValues(m_values);
     m_values.clear();
     m_valueIndex.clear();
 }
@@ -268,6 +256,10 @@ inline bool NameLess(const ObjectValue::NameMap& a, const ObjectValue::NameMap& 
     return false;
 }
 
+// Up to this many entries the standard library's sort is a plain insertion sort (libstdc++'s
+// threshold), so sorting them the same way orders equal names as it would.
+constexpr size_t SMALL_SORT = 16;
+
 }  // namespace
 
 bool ObjectValue::NameMap::Less(const NameMap& a, const NameMap& b) { return NameLess(a, b); }
@@ -314,13 +306,31 @@ JSONValue* ObjectValue::GetByName(const char* name, int length) const {
 }
 
 void ObjectValue::Sort() const {
-    // Names already in strictly ascending order have exactly one sorted order, which the sort
-    // would reach too; with equal names the sort runs, since it may reorder them.
-    // Lambdas, not the function itself, so that the comparisons are inlined.
-    const auto less = [](const NameMap& a, const NameMap& b) { return NameLess(a, b); };
-    const auto notLess = [](const NameMap& a, const NameMap& b) { return !NameLess(a, b); };
-    if (std::adjacent_find(m_names.begin(), m_names.end(), notLess) != m_names.end()) {
-        std::sort(m_names.begin(), m_names.end(), less);
+    const size_t count = m_names.size();
+    if (count <= SMALL_SORT) {
+        // For so few entries the standard sort is this very insertion sort, which keeps equal
+        // names in their order; written out, it compares inline and moves nothing when the
+        // names already ascend, as they mostly do in objects a program wrote.
+        NameMap* names = m_names.data();
+        for (size_t i = 1; i < count; ++i) {
+            if (!NameLess(names[i], names[i - 1])) continue;
+            const NameMap item = names[i];
+            size_t j = i;
+            do {
+                names[j] = names[j - 1];
+                --j;
+            } while (j > 0 && NameLess(item, names[j - 1]));
+            names[j] = item;
+        }
+    } else {
+        // Names already in strictly ascending order have exactly one sorted order, which the
+        // sort would reach too; with equal names the sort runs, since it may reorder them.
+        // Lambdas, not the function itself, so that the comparisons are inlined.
+        const auto less = [](const NameMap& a, const NameMap& b) { return NameLess(a, b); };
+        const auto notLess = [](const NameMap& a, const NameMap& b) { return !NameLess(a, b); };
+        if (std::adjacent_find(m_names.begin(), m_names.end(), notLess) != m_names.end()) {
+            std::sort(m_names.begin(), m_names.end(), less);
+        }
     }
     // A parse cut off after a name leaves an entry whose ordinal has no member: skip it.
     // The back-links are index state like the names, kept current by this const operation.

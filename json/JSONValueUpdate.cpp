@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "json/JSONContainerPool.h"
 #include "json/JSONNumbers.h"
 #include "json/JSONValue.h"
 
@@ -138,7 +139,7 @@ JSONValue* ArrayValue::UpdateByOrdinal(int ordinal, const char* text, Type type)
     if (i < m_values.size()) {
         UnsafeJSONValue& v = m_values[i];
         if (v.m_pComposite != nullptr) {
-            delete v.m_pComposite;
+            pool::Delete(v.m_pComposite);
             v.m_pComposite = nullptr;
         }
         v.InternalUpdateValue(text);
