@@ -3,14 +3,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
 #include "json/JSONSerialize.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
-
-using qvframe::loadWord;
 
 namespace {
 
@@ -24,7 +22,7 @@ long signed32(unsigned long value) {
 void writePipe(JSON::Serialize& w, const char* nameKey, const std::string& path,
                const char* handleKey, const int& fdEntry) {
     w.N(nameKey).V(path.c_str());
-    const int fd = qvframe::loadFd(fdEntry);
+    const int fd = loadFd(fdEntry);
     if (fd != -1) w.N(handleKey).V(fd);
 }
 
@@ -81,7 +79,7 @@ void CQVIPCLibraryImpl::dump(const std::string& command) {
     std::vector<unsigned long> live;
     const unsigned long slots = slotLimit(m_maxConnections);
     for (unsigned long s = 1; s < slots; ++s) {
-        if (qvframe::loadFd(m_fdsRecvResponse[s]) != -1) live.push_back(s);
+        if (loadFd(m_fdsRecvResponse[s]) != -1) live.push_back(s);
     }
     for (unsigned long s : live) {
         qvLogNotice("--dumpIPC, calling enableClientReconnect(%d)", static_cast<int>(s));

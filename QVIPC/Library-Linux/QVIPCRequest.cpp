@@ -7,10 +7,13 @@
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 

@@ -11,6 +11,7 @@
 #include "QVIPC/Library-Linux/PipenameRegistry.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
 #include "platform/PCritSec.h"
 
 using namespace qvframe;

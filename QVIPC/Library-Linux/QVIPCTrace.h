@@ -1,9 +1,11 @@
-// The transport's three line writers. Each looks at g_ptu and its log file once and writes
-// nothing when either is missing. Texts are written out word for word at the call sites.
+// The transport's three line writers, and the endpoint address as its texts show it. Each writer
+// looks at g_ptu and its log file once and writes nothing when either is missing. Texts are
+// written out word for word at the call sites.
 #ifndef QVIPC_LIBRARY_LINUX_QVIPCTRACE_H_
 #define QVIPC_LIBRARY_LINUX_QVIPCTRACE_H_
 
 #include <cstdarg>
+#include <cstdint>
 
 #include "QVIPC/Library-Linux/QVIPCDefs.h"
 #include "platform/TraceUtility.h"
@@ -14,6 +16,11 @@ inline void qvTrace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 inline void qvLogError(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Notice: priority 2.
 inline void qvLogNotice(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// An address as the "0x%08X" of every trace text shows it: the endpoint's, or a buffer's.
+inline unsigned traceAddr(const void* p) {
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
 
 namespace qvtrace_detail {
 inline LQLogLib::CLogFile* logFile() {
