@@ -46,7 +46,10 @@ QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr) {
     *pErr = 0;
     if (size == 0) return S_OK;
     std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
-    if (!buf) return QVIPC_E_OUTOFMEMORY;
+    if (!buf) {
+        *pErr = ENOMEM;
+        return QVIPC_E_OUTOFMEMORY;
+    }
     // One read() never asks for more than this, so its result fits ssize_t on 32 bits.
     constexpr uint32_t MAX_CHUNK = 0x40000000u;
     uint32_t got = 0;
@@ -73,6 +76,14 @@ int writeMessage(CPIPEIOBase& writer, int fd, const unsigned char* header, size_
     iov[1].iov_len = bodyLen;
     fitPipeTo(fd, headerSize + bodyLen);
     return writer.writev(fd, iov, bodyLen != 0 ? 2 : 1, timeout);
+}
+
+int writeRecord(CPIPEIOBase& writer, int fd, const RequestFrame& record) {
+    return writer.write(fd, record, static_cast<int>(sizeof record), QVIPC_NO_TIMEOUT);
+}
+
+int writeRecord(CPIPEIOBase& writer, int fd, const ResponseFrame& record) {
+    return writer.write(fd, record, static_cast<int>(sizeof record), QVIPC_NO_TIMEOUT);
 }
 
 }  // namespace qvframe

@@ -1,6 +1,6 @@
 // Moving whole frames through a FIFO: a header read with one read(), a body read into a
-// caller-owned buffer, and a message written as one gather write of header and body.
-// Stateless; safe on any thread (one reader per descriptor).
+// caller-owned buffer, a message written as one gather write of header and body, and an admin
+// record written whole. Stateless; safe on any thread (one reader per descriptor).
 #ifndef QVIPC_LIBRARY_LINUX_FRAMEIO_H_
 #define QVIPC_LIBRARY_LINUX_FRAMEIO_H_
 
@@ -21,10 +21,10 @@ namespace qvframe {
 ssize_t readHeader(int fd, unsigned char* frame, size_t size);
 
 // Reads a body of size bytes into a new[] buffer of exactly that size. S_OK hands the buffer
-// over in *ppBuf (null for size 0); QVIPC_E_OUTOFMEMORY when it cannot be allocated;
-// QVIPC_E_READ when the read fails or the writer closes before size bytes came: end of file
-// and errors other than EINTR end the body, so a writer that died mid-body cannot keep the
-// reader looping. *pErr gets errno of the failed read (0 for end of file).
+// over in *ppBuf (null for size 0). QVIPC_E_OUTOFMEMORY when it cannot be allocated (*pErr is
+// ENOMEM then); QVIPC_E_READ when the read fails or the writer closes before size bytes came:
+// end of file and errors other than EINTR end the body, so a writer that died mid-body cannot
+// keep the reader looping. *pErr gets errno of the failed read (0 for end of file).
 QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr);
 
 // Sends one message, its header and body in one writev() through writer, with the time-out
@@ -34,6 +34,11 @@ QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr);
 // writer's result.
 int writeMessage(CPIPEIOBase& writer, int fd, const unsigned char* header, size_t headerSize,
                  const char* body, size_t bodyLen, unsigned long timeout);
+
+// Writes an admin record whole with one write() through writer, without a time-out. Returns
+// the writer's result.
+int writeRecord(CPIPEIOBase& writer, int fd, const RequestFrame& record);
+int writeRecord(CPIPEIOBase& writer, int fd, const ResponseFrame& record);
 
 }  // namespace qvframe
 

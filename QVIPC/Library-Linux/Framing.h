@@ -129,6 +129,30 @@ inline void copyExtOut(const unsigned char* frame, size_t offset, char* ext, siz
     }
 }
 
+// The records that carry no message: the admin records CONNECT, DISCONNECT and INTERNAL, the
+// connect notification and the request-side shutdown wake-up (72 bytes); the connect reply and
+// the response-side wake-ups (68 bytes). The fields come in wire order; the rest is zero (the
+// request id of a 72-byte record, every body size, the extension).
+inline void buildAdminRecord(RequestFrame& frame, uint32_t type, uint32_t connectId, uint32_t pid,
+                             int32_t requestType) {
+    RequestHeader h;
+    h.type = type;
+    h.connectId = connectId;
+    h.pid = pid;
+    h.requestType = requestType;
+    buildRequest(frame, h, nullptr, 0);
+}
+
+inline void buildAdminRecord(ResponseFrame& frame, uint32_t type, uint32_t requestId,
+                             uint32_t result, uint32_t pid) {
+    ResponseHeader h;
+    h.type = type;
+    h.requestId = requestId;
+    h.result = result;
+    h.pid = pid;
+    buildResponse(frame, h, nullptr, 0);
+}
+
 }  // namespace qvframe
 
 #endif  // QVIPC_LIBRARY_LINUX_FRAMING_H_

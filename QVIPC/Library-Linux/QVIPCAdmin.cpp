@@ -1,8 +1,6 @@
 // The server's half of the connection handshake: one admin record per call, read on the thread
-// that sits in the server's receiveRequest. Also the slot clean-up shared with the reconnect
-// path, which may run on any thread: a slot's descriptor entries, its peer words, the
-// connect-id map, the descriptor sets, their maxima and the highest-slot values change only
-// under m_pCritSec, and no system call that can wait is made while it is held.
+// that sits in the server's receiveRequest. A new slot's descriptors stay in guards until the
+// connect has succeeded, then enter the slot tables in one step under m_pCritSec.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/select.h>
@@ -13,7 +11,6 @@
 #include "QVIPC/Library-Linux/FifoFiles.h"
 #include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
 #include "QVIPC/Library-Linux/SlotWords.h"
@@ -55,6 +52,12 @@ int openServerReadEnd(CQVIPCLibraryImpl* self, const std::string& path) {
     }
     self->clearO_NONBLOCK(fd);
     return fd;
+}
+
+// Adds a read end to a master set, raising its highest descriptor. Caller holds m_pCritSec.
+void addToSet(fd_set& set, int& fdmax, int fd) {
+    if (fd > fdmax) fdmax = fd;
+    FD_SET(fd, &set);
 }
 
 }  // namespace
@@ -201,27 +204,17 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         }
 
         ResponseFrame reply;
-        ResponseHeader rh;
-        rh.type = TYPE_CONNECT;
-        rh.requestId = requestId;
-        rh.result = hr;
-        rh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-        buildResponse(reply, rh, nullptr, 0);
-        if (m_pPipeIO->write(replyFd, reply, static_cast<int>(sizeof reply), QVIPC_NO_TIMEOUT) !=
-            static_cast<int>(sizeof reply)) {
+        buildAdminRecord(reply, TYPE_CONNECT, requestId, hr,
+                         static_cast<uint32_t>(CPortable::GetCurrentProcessId()));
+        if (writeRecord(*m_pPipeIO, replyFd, reply) != static_cast<int>(sizeof reply)) {
             hr = QVIPC_E_WRITE_RESPONSE;
         }
 
         if (hr == S_OK) {
             RequestFrame note;
-            RequestHeader nh;
-            nh.type = TYPE_CONNECT;
-            nh.connectId = static_cast<uint32_t>(m_connectId);
-            nh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-            nh.requestType = 1;
-            buildRequest(note, nh, nullptr, 0);
-            if (m_pPipeIO->write(sendReq, note, static_cast<int>(sizeof note), QVIPC_NO_TIMEOUT) <
-                0) {
+            buildAdminRecord(note, TYPE_CONNECT, static_cast<uint32_t>(m_connectId),
+                             static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
+            if (writeRecord(*m_pPipeIO, sendReq, note) < 0) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write "
                     "failed %d",
@@ -251,12 +244,10 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         storeWord(m_slotPid[fdId], pid);
         m_lastConnectAttempt[fdId] = 0;
         const int slot = static_cast<int>(fdId);
-        if (m_maxRequestSlot < slot) __atomic_store_n(&m_maxRequestSlot, slot, __ATOMIC_SEQ_CST);
-        if (recvReq > m_fdmaxRecvRequest) m_fdmaxRecvRequest = recvReq;
-        FD_SET(recvReq, &m_fdsetRecvRequest);
-        if (m_maxResponseSlot < slot) __atomic_store_n(&m_maxResponseSlot, slot, __ATOMIC_SEQ_CST);
-        if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
-        FD_SET(recvRsp, &m_fdsetRecvResponse);
+        if (loadInt(m_maxRequestSlot) < slot) storeInt(m_maxRequestSlot, slot);
+        addToSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, recvReq);
+        if (loadInt(m_maxResponseSlot) < slot) storeInt(m_maxResponseSlot, slot);
+        addToSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, recvRsp);
     }
     wakeResponseReceiver();
 
@@ -291,113 +282,4 @@ bool CQVIPCLibraryImpl::slotOfConnectId(uint32_t connectId, unsigned long* pSlot
     if (it == m_connectIdMap.end()) return false;
     *pSlot = it->second;
     return true;
-}
-
-void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
-    if (slot >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
-    int recvRsp;
-    int sendReq;
-    int recvReq;
-    int sendRsp;
-    {
-        // Two threads may free the same slot at once (the request receiver on a disconnect,
-        // another thread on the reconnect command): the one that takes the descriptors closes
-        // them, the other finds -1 and nothing to erase.
-        CCritSecLock lock(m_pCritSec, __LINE__);
-        recvRsp = takeFd(m_fdsRecvResponse[slot]);
-        sendReq = takeFd(m_fdsSendRequest[slot]);
-        recvReq = takeFd(m_fdsRecvRequest[slot]);
-        sendRsp = takeFd(m_fdsSendResponse[slot]);
-        // The entry of the slot's connect id: a slot has at most one.
-        for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
-            if (it->second == slot) {
-                m_connectIdMap.erase(it);
-                break;
-            }
-        }
-        if (forgetPeer) {
-            storeWord(m_slotConnectId[slot], 0);
-            storeWord(m_slotPid[slot], 0);
-        }
-        rebuildRequestSet();
-        rebuildResponseSet();
-        // A receiver that entered its call after the entry was taken never sees the read end;
-        // one that is inside may still use it, and closes it itself. The request receiver
-        // closes its own at once, as it is using none right now.
-        if (recvRsp != -1 && m_inReceiveResponse.load() != 0) {
-            m_fdsDeferredCloseResponse.push_back(recvRsp);
-            recvRsp = -1;
-        }
-        if (recvReq != -1 && m_inReceiveRequest.load() != 0 && !onRequestReceiver()) {
-            m_fdsDeferredCloseRequest.push_back(recvReq);
-            recvReq = -1;
-        }
-    }
-    if (recvRsp != -1) close(recvRsp);
-    closeWriteEnd(sendReq, slot);
-    if (recvReq != -1) close(recvReq);
-    closeWriteEnd(sendRsp, slot);
-}
-
-void CQVIPCLibraryImpl::closeWriteEnd(int fd, unsigned long slot) {
-    if (fd == -1) return;
-    // The entry is -1 already, so no new sender takes the descriptor; one that took it before
-    // ends its write (a dead reader fails it at once, a send time-out bounds it). At shutdown
-    // nobody waits: finalize closes what is left.
-    while (__atomic_load_n(&m_sendsInFlight[slot], __ATOMIC_SEQ_CST) != 0 &&
-           m_shutdown.load() == 0) {
-        CPortable::Sleep(1);
-    }
-    close(fd);
-}
-
-void CQVIPCLibraryImpl::rebuildRequestSet() {
-    FD_ZERO(&m_fdsetRecvRequest);
-    m_fdmaxRecvRequest = 0;
-    for (int i = 0; i <= loadInt(m_maxRequestSlot) && i < QVIPC_MAX_SLOTS; ++i) {
-        const int fd = loadFd(m_fdsRecvRequest[i]);
-        if (fd == -1 || fd >= FD_SETSIZE) continue;
-        FD_SET(fd, &m_fdsetRecvRequest);
-        if (fd > m_fdmaxRecvRequest) m_fdmaxRecvRequest = fd;
-    }
-}
-
-void CQVIPCLibraryImpl::rebuildResponseSet() {
-    FD_ZERO(&m_fdsetRecvResponse);
-    m_fdmaxRecvResponse = 0;
-    for (int i = 0; i <= loadInt(m_maxResponseSlot) && i < QVIPC_MAX_SLOTS; ++i) {
-        const int fd = loadFd(m_fdsRecvResponse[i]);
-        if (fd == -1 || fd >= FD_SETSIZE) continue;
-        FD_SET(fd, &m_fdsetRecvResponse);
-        if (fd > m_fdmaxRecvResponse) m_fdmaxRecvResponse = fd;
-    }
-}
-
-void CQVIPCLibraryImpl::closeDeferredFds(std::vector<int>& fds) {
-    std::vector<int> taken;
-    {
-        CCritSecLock lock(m_pCritSec, __LINE__);
-        taken.swap(fds);
-    }
-    for (const int fd : taken) close(fd);
-}
-
-void CQVIPCLibraryImpl::wakeResponseReceiver() {
-    const int fd = m_adminResponsePipe[1];
-    if (fd == -1) return;
-    ResponseFrame wake;
-    buildResponse(wake, ResponseHeader(), nullptr, 0);
-    // The write end is non-blocking: a full pipe already holds a pending wake-up, and the
-    // request loop must not block on a response receiver that nobody runs.
-    const ssize_t n = ::write(fd, wake, sizeof wake);
-    (void)n;
-}
-
-bool CQVIPCLibraryImpl::sleepUnlessShutdown(unsigned long ms) {
-    constexpr unsigned long SLICE_MS = 100;
-    for (unsigned long slept = 0; slept < ms; slept += SLICE_MS) {
-        if (m_shutdown.load() != 0) return false;
-        CPortable::Sleep(ms - slept < SLICE_MS ? ms - slept : SLICE_MS);
-    }
-    return m_shutdown.load() == 0;
 }

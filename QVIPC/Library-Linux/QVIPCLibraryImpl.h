@@ -1,8 +1,8 @@
 // CQVIPCLibraryImpl: all state of one endpoint. The members keep their designed names, types and
 // order; the flags that threads share are std::atomic<int>. m_pCritSec guards both descriptor
 // sets, their maxima, both highest-slot values and the reconnect throttle. The methods are
-// spread over several files of this folder, one per concern (start-up, shutdown, admin, request
-// path, response path, connect thread, reconnect, dump).
+// spread over this folder, one file per concern: start-up, shutdown, request path, response
+// path, admin handling, connect thread, reconnect, dump.
 #ifndef QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_
 #define QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_
 
@@ -87,51 +87,60 @@ public:
     // ---- Helpers of the transport (not part of the designed interface). ----
     // Waits until initialize() has run; QVIPC_E_SHUTDOWN when finalize() comes first.
     QVRESULT waitInitialized();
-    // Copies a master set and its highest descriptor under m_pCritSec into *pReady and
-    // selects on the copy without a time-out; returns select()'s result, *pErr its errno.
-    int selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady, int* pErr);
+    // Sleeps ms in short slices; false when m_shutdown was set meanwhile.
+    bool sleepUnlessShutdown(unsigned long ms);
+
+    // The server's select() cycle of one side (requests, or responses): the next slot whose
+    // read end is ready, a new select() on a copy of the master set when the cycle is used up
+    // (a failed select() is logged and made again). Returns the slot, or -1 when m_shutdown
+    // ends the wait.
+    int nextServerSlot(bool requestSide);
+    // Copies one side's master set and highest descriptor under m_pCritSec into its ready set
+    // and selects on the copy without a time-out; returns select()'s result, *pErr its errno.
+    int selectOnCopy(bool requestSide, int* pErr);
     // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
     // ready and still readable, and returns it; -1 when the cycle is used up, the cursor
     // then being 0 so that the caller selects again. fresh: select() has just returned on this
     // thread with nothing done since, so its first ready slot is taken as it stands.
     static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
                              int maxSlot, bool fresh);
+    // Whether the calling thread is the one inside this server's receiveRequest.
+    bool onRequestReceiver() const;
+
     // Server admin handling of one CONNECT or DISCONNECT record.
     QVRESULT adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
                           unsigned long* pSlot);
     QVRESULT adminDisconnect(uint32_t connectId, uint32_t pid);
     // The slot that m_connectIdMap gives a connect id; false when it has none.
     bool slotOfConnectId(uint32_t connectId, unsigned long* pSlot);
+
     // Frees a server slot, on any thread: under m_pCritSec its four descriptors leave the
     // arrays and both descriptor sets, its entry leaves m_connectIdMap and, with forgetPeer,
     // its peer's connect id and pid are cleared; the descriptors are closed afterwards. A read
     // end that a receiver inside its call may still use is left to that receiver
     // (m_fdsDeferredCloseRequest, m_fdsDeferredCloseResponse).
     void closeServerSlot(unsigned long slot, bool forgetPeer);
-    // Whether the calling thread is the one inside this server's receiveRequest.
-    bool onRequestReceiver() const;
-    // Rebuild a master set from the open read descriptors of slots 0..highest slot.
-    // Caller holds m_pCritSec.
-    void rebuildRequestSet();
-    void rebuildResponseSet();
+    // Closes a write end taken out of its slot entry once no sender is still using it.
+    void closeWriteEnd(int fd, unsigned long slot);
+    // Rebuilds a master set and its highest descriptor from the open read ends in fds of the
+    // slots 0 to maxSlot. Called with m_pCritSec held, on the members it guards.
+    static void rebuildSet(fd_set& set, int& fdmax, const int* fds, int maxSlot);
     // Closes what one of the deferred lists holds. Called by the receiver the list belongs to,
     // after its select(), or by finalize.
-    void closeDeferredFds(std::vector<int>& fds);
+    void closeDeferredFds(std::vector<int>* pList);
     // Writes the 68-byte all-zero record that makes the response receiver take a fresh set.
     void wakeResponseReceiver();
+
     // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
     // publishing the connection.
     bool makeClientReadEnds();
     int replaceClientReadEnd(const std::string& path, int* pEntry);
     void releaseClientReadEnds();
-    // Closes a write end taken out of its slot entry once no sender is still using it.
-    void closeWriteEnd(int fd, unsigned long slot);
-    int openClientWriteEnd(const std::string& path, bool requestFifo, QVRESULT* pResult);
+    void dropClientWriteEnds();
+    QVRESULT openClientWriteEnd(const std::string& path, bool requestFifo);
     QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
     void failedConnectAttempt(int* pFdSendAdmin);
     void publishConnection();
-    // Sleeps ms in short slices; false when m_shutdown was set meanwhile.
-    bool sleepUnlessShutdown(unsigned long ms);
 
     // ---- Members, in their designed order. ----
     CPIPEIOBase* m_pPipeIO;

@@ -11,7 +11,6 @@
 
 #include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
 #include "QVIPC/Library-Linux/SlotWords.h"
@@ -137,29 +136,11 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
     while (!done) {
-        if (m_nextResponseSlot == 0) {
-            int err = 0;
-            m_readyResponseCount = selectOnCopy(m_fdsetRecvResponse, m_fdmaxRecvResponse,
-                                                &m_fdsetRecvResponseReady, &err);
-            // Descriptors of freed slots that this thread may have been using are closed now
-            // that its working set no longer holds them.
-            closeDeferredFds(m_fdsDeferredCloseResponse);
-            if (m_shutdown.load() != 0) {
-                hr = QVIPC_E_SHUTDOWN;
-                break;
-            }
-            if (m_readyResponseCount < 0) {
-                qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveResponseServer (0x%08X), select failed %d",
-                    addr, err);
-                continue;
-            }
-            if (m_readyResponseCount == 0) continue;
+        const int slot = nextServerSlot(false);
+        if (slot < 0) {
+            hr = QVIPC_E_SHUTDOWN;
+            break;
         }
-        const int maxSlot = __atomic_load_n(&m_maxResponseSlot, __ATOMIC_SEQ_CST);
-        const int slot = nextReadySlot(&m_nextResponseSlot, &m_readyResponseCount,
-                                       m_fdsetRecvResponseReady, m_fdsRecvResponse, maxSlot, false);
-        if (slot < 0) continue;
         if (slot == ADMINPIPE) {
             ResponseFrame drop;
             const ssize_t n = ::read(loadFd(m_fdsRecvResponse[ADMINPIPE]), drop, sizeof drop);
@@ -179,9 +160,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextResponseSlot > __atomic_load_n(&m_maxResponseSlot, __ATOMIC_SEQ_CST)) {
-        m_nextResponseSlot = 0;
-    }
+    if (m_nextResponseSlot > loadInt(m_maxResponseSlot)) m_nextResponseSlot = 0;
 
     qvTrace("<<<CQVIPCLibraryImpl::receiveResponseServer (0x%08X)", addr);
     return hr;
@@ -281,7 +260,6 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
             int err = 0;
             hr = readBody(fd, h.bodySize, &body, &err);
             if (hr != S_OK) {
-                if (hr == QVIPC_E_OUTOFMEMORY) err = ENOMEM;
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveResponseOnClientPipe (0x%08X), read "
                     "message failed %d",

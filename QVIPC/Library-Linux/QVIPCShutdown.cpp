@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/IDGen.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
@@ -42,9 +43,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
 
     // Request side: a blocked select() (server) or read() (client) gets one record.
     RequestFrame requestWake;
-    RequestHeader rq;
-    rq.type = TYPE_DATA;
-    buildRequest(requestWake, rq, nullptr, 0);
+    buildAdminRecord(requestWake, TYPE_DATA, 0, 0, 0);
     int fd = -1;
     if (m_isServer != 0) {
         fd = loadFd(m_fdsSendRequest[0]);
@@ -52,8 +51,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
         fd = openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags);
     }
     if (fd != -1) {
-        if (m_pPipeIO->write(fd, requestWake, static_cast<int>(sizeof requestWake),
-                             QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof requestWake)) {
+        if (writeRecord(*m_pPipeIO, fd, requestWake) == static_cast<int>(sizeof requestWake)) {
             waitWhileSet(m_inReceiveRequest);
         }
         if (m_isServer == 0) close(fd);
@@ -61,10 +59,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
 
     // Response side: the server's internal pipe, or the client's own response FIFO.
     ResponseFrame responseWake;
-    ResponseHeader rs;
-    rs.type = TYPE_DATA;
-    rs.pid = ownPid;
-    buildResponse(responseWake, rs, nullptr, 0);
+    buildAdminRecord(responseWake, TYPE_DATA, 0, 0, ownPid);
     if (m_isServer != 0) {
         fd = m_adminResponsePipe[1];
         if (fd != -1) {
@@ -78,8 +73,8 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
         fd = openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags);
         if (fd != -1) {
-            if (m_pPipeIO->write(fd, responseWake, static_cast<int>(sizeof responseWake),
-                                 QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof responseWake)) {
+            if (writeRecord(*m_pPipeIO, fd, responseWake) ==
+                static_cast<int>(sizeof responseWake)) {
                 waitWhileSet(m_inReceiveResponse);
             }
             close(fd);
@@ -98,7 +93,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
                 slot, loadFd(m_fdsSendRequest[slot]));
         closeFd(m_fdsSendRequest[slot]);
     }
-    __atomic_store_n(&m_maxResponseSlot, -1, __ATOMIC_SEQ_CST);
+    storeInt(m_maxResponseSlot, -1);
 
     for (int slot = 0; slot <= loadInt(m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvRequest[%d] %d", addr,
@@ -108,7 +103,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
                 slot, loadFd(m_fdsSendResponse[slot]));
         closeFd(m_fdsSendResponse[slot]);
     }
-    __atomic_store_n(&m_maxRequestSlot, -1, __ATOMIC_SEQ_CST);
+    storeInt(m_maxRequestSlot, -1);
 
     if (pipeReadInSlot0) {
         m_adminResponsePipe[0] = -1;
@@ -126,8 +121,8 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
         closeFd(m_fdsSendRequest[REQUEST_PIPE]);
         closeFd(m_fdsSendResponse[REQUEST_PIPE]);
     }
-    closeDeferredFds(m_fdsDeferredCloseRequest);
-    closeDeferredFds(m_fdsDeferredCloseResponse);
+    closeDeferredFds(&m_fdsDeferredCloseRequest);
+    closeDeferredFds(&m_fdsDeferredCloseResponse);
 
     cleanupPipenames();
     qvTrace("<<<CQVIPCLibraryImpl::finalize (0x%08X)", addr);

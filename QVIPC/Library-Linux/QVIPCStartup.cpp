@@ -7,14 +7,11 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
-#include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipenameRegistry.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
 #include "QVIPC/Library-Linux/SlotWords.h"
 #include "platform/PCritSec.h"
-
-using namespace qvframe;
 
 namespace {
 
@@ -94,7 +91,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                 m_fdmaxRecvResponse = m_adminResponsePipe[0];
             }
             storeFd(m_fdsRecvResponse[0], m_adminResponsePipe[0]);
-            __atomic_store_n(&m_maxResponseSlot, 0, __ATOMIC_SEQ_CST);
+            storeInt(m_maxResponseSlot, 0);
         }
 
         if (hr == S_OK) {
@@ -113,7 +110,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                 m_fdmaxRecvRequest = fd;
                 FD_SET(fd, &m_fdsetRecvRequest);
                 storeFd(m_fdsRecvRequest[0], fd);
-                __atomic_store_n(&m_maxRequestSlot, 0, __ATOMIC_SEQ_CST);
+                storeInt(m_maxRequestSlot, 0);
             }
         }
 

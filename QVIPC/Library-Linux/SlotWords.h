@@ -1,27 +1,30 @@
 // The words that an endpoint's threads share without holding m_pCritSec (descriptor entries,
-// highest-slot values, peer words), read and written only through these atomic helpers; and
-// CSendGuard, which counts the senders inside a slot.
+// highest-slot values, peer words, the request id counter), read and written only through
+// these atomic helpers; and CSendGuard, which counts the senders inside a slot.
 #ifndef QVIPC_LIBRARY_LINUX_SLOTWORDS_H_
 #define QVIPC_LIBRARY_LINUX_SLOTWORDS_H_
 
 // The members keep their designed plain types; every access from more than one thread is
 // atomic, sequentially consistent.
 
+inline int loadInt(const int& word) { return __atomic_load_n(&word, __ATOMIC_SEQ_CST); }
+inline void storeInt(int& word, int value) { __atomic_store_n(&word, value, __ATOMIC_SEQ_CST); }
+
 // A descriptor entry: -1 for closed.
-inline int loadFd(const int& entry) { return __atomic_load_n(&entry, __ATOMIC_SEQ_CST); }
-inline void storeFd(int& entry, int fd) { __atomic_store_n(&entry, fd, __ATOMIC_SEQ_CST); }
+inline int loadFd(const int& entry) { return loadInt(entry); }
+inline void storeFd(int& entry, int fd) { storeInt(entry, fd); }
 // Takes the descriptor out of the entry, leaving -1; the caller closes what it got.
 inline int takeFd(int& entry) { return __atomic_exchange_n(&entry, -1, __ATOMIC_SEQ_CST); }
 
-// The two highest-slot values are raised by the admin handling and the connect thread and reset
-// by finalize while the receive loops read them; the peer words and the request id counter are
-// read by the dump and written on other threads.
-inline int loadInt(const int& value) { return __atomic_load_n(&value, __ATOMIC_SEQ_CST); }
 inline unsigned long loadWord(const unsigned long& word) {
     return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 inline void storeWord(unsigned long& word, unsigned long value) {
     __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
+}
+// Adds one and returns the value before: two threads never get the same one.
+inline unsigned long fetchIncrement(unsigned long& word) {
+    return __atomic_fetch_add(&word, 1ul, __ATOMIC_SEQ_CST);
 }
 
 // Counts one sender in a slot for as long as it lives (m_sendsInFlight): whoever closes the
