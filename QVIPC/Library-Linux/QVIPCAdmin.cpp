@@ -43,15 +43,15 @@ std::string decimal(uint32_t value) {
 // A descriptor at or above FD_SETSIZE could never go into a select() set: it counts as a
 // failure (EMFILE), so the connect is refused cleanly and the client tries again later.
 int openServerReadEnd(CQVIPCLibraryImpl* self, const std::string& path) {
-    const int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
-    if (fd == -1) return -1;
-    if (fd >= FD_SETSIZE) {
-        close(fd);
+    CFdGuard fd(openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK));
+    if (fd.get() == -1) return -1;
+    if (fd.get() >= FD_SETSIZE) {
+        fd.reset();
         errno = EMFILE;
         return -1;
     }
-    self->clearO_NONBLOCK(fd);
-    return fd;
+    self->clearO_NONBLOCK(fd.get());
+    return fd.release();
 }
 
 // Adds a read end to a master set, raising its highest descriptor. Caller holds m_pCritSec.
@@ -133,21 +133,23 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     const std::string strPid = decimal(pid);
     QVRESULT hr = S_OK;
 
-    // The new slot's descriptors stay local until the connection is complete and then enter
+    // The new slot's descriptors, in guards until the connection is complete; then they enter
     // the slot in one step, so that a thread freeing slots never meets a half-made one.
-    int recvReq = -1;
-    int recvRsp = -1;
-    int sendReq = -1;
+    // Declared in this order so that a connect that fails half-way closes the reply end
+    // first, then the read ends, then the write end.
+    CFdGuard sendReq;
+    CFdGuard recvRsp;
+    CFdGuard recvReq;
+    CFdGuard replyFd;
 
     // The reply descriptor: the client's server-response FIFO, open once the client holds its
     // read end.
     const std::string replyPath = pipenameServerResponse(strConnectId, strPid);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendResponse %s",
             replyPath.c_str());
-    int replyFd = -1;
     for (int tries = 0; tries < OPEN_REPLY_TRIES; ++tries) {
-        replyFd = openFifo(replyPath, O_WRONLY | O_NONBLOCK);
-        if (replyFd != -1) break;
+        replyFd.reset(openFifo(replyPath, O_WRONLY | O_NONBLOCK));
+        if (replyFd.get() != -1) break;
         // The 20 seconds of tries end early when the endpoint stops, and when the process that
         // sent the CONNECT no longer exists: nobody will ever open that read end, and the
         // request loop would serve no other client meanwhile. (A client killed between its
@@ -159,105 +161,95 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         }
         if (!sleepUnlessShutdown(POLL_INTERVAL_MS)) break;
     }
-    if (replyFd == -1) {
-        hr = m_shutdown.load() != 0 ? QVIPC_E_SHUTDOWN : QVIPC_E_OPEN_TIMEOUT;
+    if (replyFd.get() == -1) {
+        return m_shutdown.load() != 0 ? QVIPC_E_SHUTDOWN : QVIPC_E_OPEN_TIMEOUT;
+    }
+    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(replyFd.get());
+
+    if (fdId == 0) {
+        hr = QVIPC_E_TOO_MANY_CLIENTS;
     } else {
-        if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(replyFd);
-
-        if (fdId == 0) {
-            hr = QVIPC_E_TOO_MANY_CLIENTS;
-        } else {
-            const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
-            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
-                    recvReqPath.c_str());
-            recvReq = openServerReadEnd(this, recvReqPath);
-            std::string failedPath = recvReqPath;
-            if (recvReq != -1) {
-                failedPath = pipenameClientResponse(strConnectId, strPid);
-                qvTrace(
-                    "CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
+        const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
+        qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
+                recvReqPath.c_str());
+        recvReq.reset(openServerReadEnd(this, recvReqPath));
+        std::string failedPath = recvReqPath;
+        if (recvReq.get() != -1) {
+            failedPath = pipenameClientResponse(strConnectId, strPid);
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
                     failedPath.c_str());
-                recvRsp = openServerReadEnd(this, failedPath);
-            }
-            if (recvReq == -1 || recvRsp == -1) {
-                qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), creating %s, "
-                    "%d",
-                    addr, failedPath.c_str(), errno);
-                hr = QVIPC_E_CREATE_PIPE;
-            } else {
-                // One try: the client opened its read end before it sent the CONNECT.
-                const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
-                qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
-                        sendReqPath.c_str());
-                sendReq = openFifo(sendReqPath, O_WRONLY | O_NONBLOCK);
-                if (sendReq == -1) {
-                    qvLogError(
-                        "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening "
-                        "%s, %d",
-                        addr, sendReqPath.c_str(), errno);
-                    hr = QVIPC_E_OPEN_TIMEOUT;
-                } else if (m_sendTimeout == QVIPC_NO_TIMEOUT) {
-                    clearO_NONBLOCK(sendReq);
-                }
-            }
+            recvRsp.reset(openServerReadEnd(this, failedPath));
         }
-
-        ResponseFrame reply;
-        buildAdminRecord(reply, TYPE_CONNECT, requestId, hr,
-                         static_cast<uint32_t>(CPortable::GetCurrentProcessId()));
-        if (writeRecord(*m_pPipeIO, replyFd, reply) != static_cast<int>(sizeof reply)) {
-            hr = QVIPC_E_WRITE_RESPONSE;
-        }
-
-        if (hr == S_OK) {
-            RequestFrame note;
-            buildAdminRecord(note, TYPE_CONNECT, static_cast<uint32_t>(m_connectId),
-                             static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
-            if (writeRecord(*m_pPipeIO, sendReq, note) < 0) {
+        if (recvReq.get() == -1 || recvRsp.get() == -1) {
+            qvLogError(
+                "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), creating %s, %d",
+                addr, failedPath.c_str(), errno);
+            hr = QVIPC_E_CREATE_PIPE;
+        } else {
+            // One try: the client opened its read end before it sent the CONNECT.
+            const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
+                    sendReqPath.c_str());
+            sendReq.reset(openFifo(sendReqPath, O_WRONLY | O_NONBLOCK));
+            if (sendReq.get() == -1) {
                 qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write "
-                    "failed %d",
-                    addr, errno);
-                hr = QVIPC_E_WRITE;
+                    "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening %s, %d",
+                    addr, sendReqPath.c_str(), errno);
+                hr = QVIPC_E_OPEN_TIMEOUT;
+            } else if (m_sendTimeout == QVIPC_NO_TIMEOUT) {
+                clearO_NONBLOCK(sendReq.get());
             }
         }
     }
 
-    if (hr != S_OK) {
-        // A connect that fails half-way closes what it opened; none of it is in a slot yet.
-        for (const int fd : {replyFd, recvReq, recvRsp, sendReq}) {
-            if (fd != -1) close(fd);
-        }
-        return hr;
+    const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+    ResponseFrame reply;
+    buildAdminRecord(reply, TYPE_CONNECT, requestId, hr, ownPid);
+    if (writeRecord(*m_pPipeIO, replyFd.get(), reply) != static_cast<int>(sizeof reply)) {
+        hr = QVIPC_E_WRITE_RESPONSE;
+    }
+    if (hr != S_OK) return hr;
+
+    RequestFrame note;
+    buildAdminRecord(note, TYPE_CONNECT, static_cast<uint32_t>(m_connectId),
+                     static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
+    if (writeRecord(*m_pPipeIO, sendReq.get(), note) < 0) {
+        qvLogError("(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write failed %d",
+                   addr, errno);
+        return QVIPC_E_WRITE;
     }
 
+    const int slot = static_cast<int>(fdId);
+    const int recvRspFd = recvRsp.get();
+    const int sendReqFd = sendReq.get();
+    const int recvReqFd = recvReq.get();
+    const int replyFdNumber = replyFd.get();
     m_requestPipeSeen[fdId] = 1;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        storeFd(m_fdsRecvResponse[fdId], recvRsp);
-        storeFd(m_fdsSendRequest[fdId], sendReq);
-        storeFd(m_fdsRecvRequest[fdId], recvReq);
-        storeFd(m_fdsSendResponse[fdId], replyFd);
+        storeFd(m_fdsRecvResponse[fdId], recvRsp.release());
+        storeFd(m_fdsSendRequest[fdId], sendReq.release());
+        storeFd(m_fdsRecvRequest[fdId], recvReq.release());
+        storeFd(m_fdsSendResponse[fdId], replyFd.release());
         m_connectIdMap[connectId] = fdId;
         storeWord(m_slotConnectId[fdId], connectId);
         storeWord(m_slotPid[fdId], pid);
         m_lastConnectAttempt[fdId] = 0;
-        const int slot = static_cast<int>(fdId);
         if (loadInt(m_maxRequestSlot) < slot) storeInt(m_maxRequestSlot, slot);
-        addToSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, recvReq);
+        addToSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, recvReqFd);
         if (loadInt(m_maxResponseSlot) < slot) storeInt(m_maxResponseSlot, slot);
-        addToSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, recvRsp);
+        addToSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, recvRspFd);
     }
     wakeResponseReceiver();
 
-    const int slot = static_cast<int>(fdId);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvResponse[%d] %d", slot,
-            recvRsp);
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot, sendReq);
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot, recvReq);
+            recvRspFd);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot,
+            sendReqFd);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot,
+            recvReqFd);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendResponse[%d] %d", slot,
-            replyFd);
+            replyFdNumber);
     return QVIPC_E_NEW_CONNECTION;
 }
 

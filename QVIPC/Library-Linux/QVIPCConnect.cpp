@@ -63,7 +63,7 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
         // open for the server's opens and the reply.
         bool refusedBefore = false;
         while (makeClientReadEnds()) {
-            int fdSendAdmin = -1;
+            CFdGuard fdSendAdmin;
             bool refused = false;
             const QVRESULT hr = connectAttempt(&fdSendAdmin, &refused);
             if (hr == S_OK) {
@@ -88,26 +88,21 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
     m_connectThreadRunning.store(0);
 }
 
-// Opens a read end anew and puts it in place of the entry's old number in one step: a receive
-// thread that holds that number keeps reading the same FIFO, never a closed or reused number.
-// Returns the descriptor, or -1 (logged) when the FIFO cannot be opened.
-int CQVIPCLibraryImpl::replaceClientReadEnd(const std::string& path, int* pEntry) {
-    int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
-    if (fd == -1) {
+// Opens a read end anew. When old (the entry's number) is open, the new FIFO takes that number
+// with dup2(): a receive thread that holds the number keeps reading the same FIFO, never a
+// closed or reused number; old is returned then. Otherwise the new descriptor, for the caller
+// to store; -1 (logged) when the FIFO cannot be opened.
+int CQVIPCLibraryImpl::reopenClientReadEnd(const std::string& path, int old) {
+    CFdGuard fd(openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK));
+    if (fd.get() == -1) {
         qvLogError(
             "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
             path.c_str(), errno);
         return -1;
     }
-    clearO_NONBLOCK(fd);
-    const int old = loadFd(*pEntry);
-    if (old != -1 && dup2(fd, old) == old) {
-        close(fd);
-        return old;
-    }
-    if (old != -1) closeFd(*pEntry);
-    storeFd(*pEntry, fd);
-    return fd;
+    clearO_NONBLOCK(fd.get());
+    if (old != -1 && dup2(fd.get(), old) == old) return old;
+    return fd.release();
 }
 
 bool CQVIPCLibraryImpl::makeClientReadEnds() {
@@ -119,8 +114,14 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     // comes and goes there (poll()'s hang-up) can only be a server that died before replying.
     // A FIFO that cannot be renewed is used as it is.
     if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
-    int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
+    int old = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);
+    int fd = reopenClientReadEnd(rspPath, old);
     if (fd == -1) return false;
+    if (fd != old) {
+        // The old number could not be taken over: it is closed, the new one stored.
+        closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        storeFd(m_fdsRecvResponse[REQUEST_PIPE], fd);
+    }
     // What the old read end delivered says nothing about the new one: a first read that finds
     // no writer yet is no disconnect.
     m_responsePipeSeen[REQUEST_PIPE] = 0;
@@ -128,8 +129,13 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvRequest %s", reqPath.c_str());
-    fd = replaceClientReadEnd(reqPath, &m_fdsRecvRequest[REQUEST_PIPE]);
+    old = loadFd(m_fdsRecvRequest[REQUEST_PIPE]);
+    fd = reopenClientReadEnd(reqPath, old);
     if (fd == -1) return false;
+    if (fd != old) {
+        closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+        storeFd(m_fdsRecvRequest[REQUEST_PIPE], fd);
+    }
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvRequest[REQUEST_PIPE] %d", fd);
     return true;
 }
@@ -139,12 +145,12 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 // reading the request read end, so both stay, to be replaced by the next attempt or closed by
 // finalize. The response reader never reads while the client is not connected.
 void CQVIPCLibraryImpl::releaseClientReadEnds() {
-    const int request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+    int request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
     if (request != -1 && m_inReceiveRequest.load() != 0) {
         storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
         return;
     }
-    if (request != -1) close(request);
+    closeFd(request);
     closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
 }
 
@@ -169,12 +175,12 @@ QVRESULT CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool req
             qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendResponse %s",
                     path.c_str());
         }
-        const int fd = openFifo(path, O_WRONLY | O_NONBLOCK);
-        if (fd != -1) {
-            if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
-            const int stored = fd;
+        CFdGuard fd(openFifo(path, O_WRONLY | O_NONBLOCK));
+        if (fd.get() != -1) {
+            if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd.get());
+            const int stored = fd.get();
             storeFd(requestFifo ? m_fdsSendRequest[REQUEST_PIPE] : m_fdsSendResponse[REQUEST_PIPE],
-                    fd);
+                    fd.release());
             if (requestFifo) {
                 qvTrace(
                     "CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendRequest[REQUEST_PIPE] "
@@ -194,35 +200,34 @@ QVRESULT CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool req
     }
 }
 
-QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
+QVRESULT CQVIPCLibraryImpl::connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefused) {
     const unsigned addr = traceAddr(this);
     const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
 
     const std::string adminPath = pipenameServerAdmin();
     for (;;) {
         qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening fdSendAdmin %s", adminPath.c_str());
-        *pFdSendAdmin = openFifo(adminPath, O_WRONLY | O_NONBLOCK);
-        if (*pFdSendAdmin != -1) break;
+        pFdSendAdmin->reset(openFifo(adminPath, O_WRONLY | O_NONBLOCK));
+        if (pFdSendAdmin->get() != -1) break;
         qvTraceError(
             "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin %s, errno %d",
             adminPath.c_str(), errno);
         if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
     }
 
-    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(*pFdSendAdmin);
+    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(pFdSendAdmin->get());
     storeWord(m_connectResult[REQUEST_PIPE], 0);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending connect request");
     RequestFrame record;
     buildAdminRecord(record, QVIPC_REQUEST_CONNECT, static_cast<uint32_t>(m_connectId), ownPid, 0);
-    if (writeRecord(*m_pPipeIO, *pFdSendAdmin, record) < 0) {
+    if (writeRecord(*m_pPipeIO, pFdSendAdmin->get(), record) < 0) {
         qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc (0x%08X), write failed %d", addr,
                    errno);
-        close(*pFdSendAdmin);
-        *pFdSendAdmin = -1;
+        pFdSendAdmin->reset();
         return QVIPC_E_WRITE;
     }
 
-    m_fdConnectAdmin = *pFdSendAdmin;
+    m_fdConnectAdmin = pFdSendAdmin->get();
     m_waitingConnectReply.store(1);
     unsigned long requestId = 0;
     char* body = nullptr;
@@ -247,8 +252,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
         hr = openClientWriteEnd(pipenameClientResponse(m_strConnectId, m_strPid), false);
     if (hr != S_OK) return hr;
 
-    close(*pFdSendAdmin);
-    *pFdSendAdmin = -1;
+    pFdSendAdmin->reset();
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
         storeInt(m_maxRequestSlot, REQUEST_PIPE);
@@ -258,17 +262,16 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     return S_OK;
 }
 
-void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
-    if (*pFdSendAdmin != -1) {
+void CQVIPCLibraryImpl::failedConnectAttempt(CFdGuard* pFdSendAdmin) {
+    if (pFdSendAdmin->get() != -1) {
         qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending disconnect request");
         RequestFrame record;
         buildAdminRecord(record, QVIPC_REQUEST_DISCONNECT, static_cast<uint32_t>(m_connectId),
                          static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
-        if (writeRecord(*m_pPipeIO, *pFdSendAdmin, record) < 0) {
+        if (writeRecord(*m_pPipeIO, pFdSendAdmin->get(), record) < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc.1, write failed %d", errno);
         }
-        close(*pFdSendAdmin);
-        *pFdSendAdmin = -1;
+        pFdSendAdmin->reset();
     }
     // The read ends stay until the next attempt replaces them, or until finalize: a receive
     // thread may be reading them, and only these two points are known to be safe.

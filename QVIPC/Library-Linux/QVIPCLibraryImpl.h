@@ -21,6 +21,7 @@
 class CPIPEIOBase;
 class CIDGen;
 class CPCritSec;
+class CFdGuard;
 namespace JSON {
 class Serialize;
 }
@@ -134,12 +135,12 @@ public:
     // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
     // publishing the connection.
     bool makeClientReadEnds();
-    int replaceClientReadEnd(const std::string& path, int* pEntry);
+    int reopenClientReadEnd(const std::string& path, int old);
     void releaseClientReadEnds();
     void dropClientWriteEnds();
     QVRESULT openClientWriteEnd(const std::string& path, bool requestFifo);
-    QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
-    void failedConnectAttempt(int* pFdSendAdmin);
+    QVRESULT connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefused);
+    void failedConnectAttempt(CFdGuard* pFdSendAdmin);
     void publishConnection();
 
     // ---- Members, in their designed order. ----

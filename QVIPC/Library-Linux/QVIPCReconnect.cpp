@@ -11,6 +11,7 @@
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
 #include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
@@ -109,9 +110,9 @@ void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
             recvReq = -1;
         }
     }
-    if (recvRsp != -1) close(recvRsp);
+    closeFd(recvRsp);
     closeWriteEnd(sendReq, slot);
-    if (recvReq != -1) close(recvReq);
+    closeFd(recvReq);
     closeWriteEnd(sendRsp, slot);
 }
 
@@ -121,7 +122,7 @@ void CQVIPCLibraryImpl::closeWriteEnd(int fd, unsigned long slot) {
     // ends its write (a dead reader fails it at once, a send time-out bounds it). At shutdown
     // nobody waits: finalize closes what is left.
     while (loadInt(m_sendsInFlight[slot]) != 0 && m_shutdown.load() == 0) CPortable::Sleep(1);
-    close(fd);
+    closeFd(fd);
 }
 
 void CQVIPCLibraryImpl::rebuildSet(fd_set& set, int& fdmax, const int* fds, int maxSlot) {
@@ -141,7 +142,7 @@ void CQVIPCLibraryImpl::closeDeferredFds(std::vector<int>* pList) {
         CCritSecLock lock(m_pCritSec, __LINE__);
         taken.swap(*pList);
     }
-    for (const int fd : taken) close(fd);
+    for (int fd : taken) closeFd(fd);
 }
 
 void CQVIPCLibraryImpl::wakeResponseReceiver() {

@@ -44,24 +44,25 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     // Request side: a blocked select() (server) or read() (client) gets one record.
     RequestFrame requestWake;
     buildAdminRecord(requestWake, TYPE_DATA, 0, 0, 0);
-    int fd = -1;
     if (m_isServer != 0) {
-        fd = loadFd(m_fdsSendRequest[0]);
-    } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
-        fd = openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags);
-    }
-    if (fd != -1) {
-        if (writeRecord(*m_pPipeIO, fd, requestWake) == static_cast<int>(sizeof requestWake)) {
+        const int fd = loadFd(m_fdsSendRequest[0]);
+        if (fd != -1 &&
+            writeRecord(*m_pPipeIO, fd, requestWake) == static_cast<int>(sizeof requestWake)) {
             waitWhileSet(m_inReceiveRequest);
         }
-        if (m_isServer == 0) close(fd);
+    } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
+        CFdGuard fd(openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags));
+        if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), requestWake) ==
+                                  static_cast<int>(sizeof requestWake)) {
+            waitWhileSet(m_inReceiveRequest);
+        }
     }
 
     // Response side: the server's internal pipe, or the client's own response FIFO.
     ResponseFrame responseWake;
     buildAdminRecord(responseWake, TYPE_DATA, 0, 0, ownPid);
     if (m_isServer != 0) {
-        fd = m_adminResponsePipe[1];
+        const int fd = m_adminResponsePipe[1];
         if (fd != -1) {
             // The pipe's write end is non-blocking; a full pipe already holds a wake-up for the
             // receiver, so it is waited for all the same.
@@ -71,13 +72,10 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
             }
         }
     } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
-        fd = openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags);
-        if (fd != -1) {
-            if (writeRecord(*m_pPipeIO, fd, responseWake) ==
-                static_cast<int>(sizeof responseWake)) {
-                waitWhileSet(m_inReceiveResponse);
-            }
-            close(fd);
+        CFdGuard fd(openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags));
+        if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), responseWake) ==
+                                  static_cast<int>(sizeof responseWake)) {
+            waitWhileSet(m_inReceiveResponse);
         }
     }
 
