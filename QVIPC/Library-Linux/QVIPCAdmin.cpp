@@ -68,7 +68,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnAdminPipe(unsigned long* pSlot) {
 
     QVRESULT hr = S_OK;
     RequestFrame record;
-    const ssize_t n = readHeader(loadFd(m_fdsRecvRequest[0]), record, sizeof record);
+    const ssize_t n = readHeader(loadFd(&m_fdsRecvRequest[0]), record, sizeof record);
     if (n != static_cast<ssize_t>(sizeof record)) {
         const int err = n < 0 ? errno : 0;
         qvLogError("(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), read failed %d",
@@ -108,7 +108,7 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     // command), which leaves this choice valid.
     unsigned long fdId = 0;
     for (unsigned long i = 1; i < m_maxConnections; ++i) {
-        if (loadFd(m_fdsRecvResponse[i]) == -1) {
+        if (loadFd(&m_fdsRecvResponse[i]) == -1) {
             fdId = i;
             break;
         }
@@ -235,9 +235,9 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         storeWord(m_slotConnectId[fdId], connectId);
         storeWord(m_slotPid[fdId], pid);
         m_lastConnectAttempt[fdId] = 0;
-        if (loadInt(m_maxRequestSlot) < slot) storeInt(m_maxRequestSlot, slot);
+        if (loadInt(&m_maxRequestSlot) < slot) storeInt(m_maxRequestSlot, slot);
         addToSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, recvReqFd);
-        if (loadInt(m_maxResponseSlot) < slot) storeInt(m_maxResponseSlot, slot);
+        if (loadInt(&m_maxResponseSlot) < slot) storeInt(m_maxResponseSlot, slot);
         addToSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, recvRspFd);
     }
     wakeResponseReceiver();

@@ -114,11 +114,12 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     // comes and goes there (poll()'s hang-up) can only be a server that died before replying.
     // A FIFO that cannot be renewed is used as it is.
     if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
-    int old = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);
+    int old = loadFd(&m_fdsRecvResponse[REQUEST_PIPE]);
     int fd = reopenClientReadEnd(rspPath, old);
     if (fd == -1) return false;
     if (fd != old) {
         // The old number could not be taken over: it is closed, the new one stored.
+        CCritSecLock lock(m_pCritSec, __LINE__);
         closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
         storeFd(m_fdsRecvResponse[REQUEST_PIPE], fd);
     }
@@ -129,10 +130,11 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvRequest %s", reqPath.c_str());
-    old = loadFd(m_fdsRecvRequest[REQUEST_PIPE]);
+    old = loadFd(&m_fdsRecvRequest[REQUEST_PIPE]);
     fd = reopenClientReadEnd(reqPath, old);
     if (fd == -1) return false;
     if (fd != old) {
+        CCritSecLock lock(m_pCritSec, __LINE__);
         closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
         storeFd(m_fdsRecvRequest[REQUEST_PIPE], fd);
     }
@@ -145,20 +147,29 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 // reading the request read end, so both stay, to be replaced by the next attempt or closed by
 // finalize. The response reader never reads while the client is not connected.
 void CQVIPCLibraryImpl::releaseClientReadEnds() {
-    int request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
-    if (request != -1 && m_inReceiveRequest.load() != 0) {
-        storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
-        return;
+    int request;
+    int response;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        // Taken before the flag is looked at: a reader raises the flag before it loads the
+        // descriptor, so one of the two sees the other.
+        request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+        if (request != -1 && m_inReceiveRequest.load() != 0) {
+            storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
+            return;
+        }
+        response = takeFd(m_fdsRecvResponse[REQUEST_PIPE]);
     }
     closeFd(request);
-    closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
+    closeFd(response);
 }
 
 // Slot 1's write ends leave the entries, and are closed once no sender is still using them;
 // its peer words are cleared.
 void CQVIPCLibraryImpl::dropClientWriteEnds() {
-    closeWriteEnd(takeFd(m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
-    closeWriteEnd(takeFd(m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
+    closeWriteEnd(takeEntry(&m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
+    closeWriteEnd(takeEntry(&m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
+    CCritSecLock lock(m_pCritSec, __LINE__);
     storeWord(m_slotConnectId[REQUEST_PIPE], 0);
     storeWord(m_slotPid[REQUEST_PIPE], 0);
 }
@@ -179,8 +190,12 @@ QVRESULT CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool req
         if (fd.get() != -1) {
             if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd.get());
             const int stored = fd.get();
-            storeFd(requestFifo ? m_fdsSendRequest[REQUEST_PIPE] : m_fdsSendResponse[REQUEST_PIPE],
+            {
+                CCritSecLock lock(m_pCritSec, __LINE__);
+                storeFd(
+                    requestFifo ? m_fdsSendRequest[REQUEST_PIPE] : m_fdsSendResponse[REQUEST_PIPE],
                     fd.release());
+            }
             if (requestFifo) {
                 qvTrace(
                     "CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendRequest[REQUEST_PIPE] "
@@ -237,7 +252,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefuse
     m_waitingConnectReply.store(0);
     m_fdConnectAdmin = -1;
     if (hr == S_OK) {
-        hr = static_cast<QVRESULT>(loadWord(m_connectResult[REQUEST_PIPE]));
+        hr = static_cast<QVRESULT>(loadWord(&m_connectResult[REQUEST_PIPE]));
         *pRefused = hr != S_OK;
     }
     if (hr == QVIPC_E_TOO_MANY_CLIENTS) {
@@ -256,9 +271,9 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefuse
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
         storeInt(m_maxRequestSlot, REQUEST_PIPE);
+        storeWord(m_slotConnectId[REQUEST_PIPE], m_connectId);
+        storeWord(m_slotPid[REQUEST_PIPE], ownPid);
     }
-    storeWord(m_slotConnectId[REQUEST_PIPE], m_connectId);
-    storeWord(m_slotPid[REQUEST_PIPE], ownPid);
     return S_OK;
 }
 
@@ -282,8 +297,8 @@ void CQVIPCLibraryImpl::publishConnection() {
     int recvRsp;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        if (loadInt(m_maxResponseSlot) < REQUEST_PIPE) storeInt(m_maxResponseSlot, REQUEST_PIPE);
-        recvRsp = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        if (loadInt(&m_maxResponseSlot) < REQUEST_PIPE) storeInt(m_maxResponseSlot, REQUEST_PIPE);
+        recvRsp = loadFd(&m_fdsRecvResponse[REQUEST_PIPE]);
         // A client never selects on its set; a descriptor beyond FD_SETSIZE stays out of it.
         if (recvRsp < FD_SETSIZE) {
             if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
@@ -292,11 +307,11 @@ void CQVIPCLibraryImpl::publishConnection() {
     }
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvResponse[REQUEST_PIPE] %d", recvRsp);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendRequest[REQUEST_PIPE] %d",
-            loadFd(m_fdsSendRequest[REQUEST_PIPE]));
+            loadFd(&m_fdsSendRequest[REQUEST_PIPE]));
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvRequest[REQUEST_PIPE] %d",
-            loadFd(m_fdsRecvRequest[REQUEST_PIPE]));
+            loadFd(&m_fdsRecvRequest[REQUEST_PIPE]));
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendResponse[REQUEST_PIPE] %d",
-            loadFd(m_fdsSendResponse[REQUEST_PIPE]));
+            loadFd(&m_fdsSendResponse[REQUEST_PIPE]));
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
         m_lastConnectAttempt[REQUEST_PIPE] = 0;

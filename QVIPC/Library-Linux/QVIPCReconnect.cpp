@@ -63,7 +63,7 @@ void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
     closeServerSlot(id, false);
     RequestFrame internal;
     buildAdminRecord(internal, QVIPC_REQUEST_INTERNAL, 0, 0, 0);
-    const int adminFd = loadFd(m_fdsSendRequest[0]);
+    const int adminFd = loadFd(&m_fdsSendRequest[0]);
     if (adminFd != -1) writeRecord(*m_pPipeIO, adminFd, internal);
     wakeResponseReceiver();
 }
@@ -95,9 +95,9 @@ void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
             storeWord(m_slotPid[slot], 0);
         }
         rebuildSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, m_fdsRecvRequest,
-                   loadInt(m_maxRequestSlot));
+                   loadInt(&m_maxRequestSlot));
         rebuildSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, m_fdsRecvResponse,
-                   loadInt(m_maxResponseSlot));
+                   loadInt(&m_maxResponseSlot));
         // A receiver that entered its call after the entry was taken never sees the read end;
         // one that is inside may still use it, and closes it itself. The request receiver
         // closes its own at once, as it is using none right now.
@@ -116,12 +116,22 @@ void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
     closeWriteEnd(sendRsp, slot);
 }
 
+int CQVIPCLibraryImpl::takeEntry(int* pEntry) {
+    CCritSecLock lock(m_pCritSec, __LINE__);
+    return takeFd(*pEntry);
+}
+
+void CQVIPCLibraryImpl::closeEntry(int* pEntry) {
+    int fd = takeEntry(pEntry);
+    closeFd(fd);
+}
+
 void CQVIPCLibraryImpl::closeWriteEnd(int fd, unsigned long slot) {
     if (fd == -1) return;
     // The entry is -1 already, so no new sender takes the descriptor; one that took it before
     // ends its write (a dead reader fails it at once, a send time-out bounds it). At shutdown
     // nobody waits: finalize closes what is left.
-    while (loadInt(m_sendsInFlight[slot]) != 0 && m_shutdown.load() == 0) CPortable::Sleep(1);
+    while (loadInt(&m_sendsInFlight[slot]) != 0 && m_shutdown.load() == 0) CPortable::Sleep(1);
     closeFd(fd);
 }
 
@@ -129,7 +139,7 @@ void CQVIPCLibraryImpl::rebuildSet(fd_set& set, int& fdmax, const int* fds, int 
     FD_ZERO(&set);
     fdmax = 0;
     for (int i = 0; i <= maxSlot && i < QVIPC_MAX_SLOTS; ++i) {
-        const int fd = loadFd(fds[i]);
+        const int fd = loadFd(&fds[i]);
         if (fd == -1 || fd >= FD_SETSIZE) continue;
         FD_SET(fd, &set);
         if (fd > fdmax) fdmax = fd;

@@ -80,9 +80,9 @@ int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
         }
         const int slot = requestSide
                              ? nextReadySlot(cursor, readyCount, m_fdsetRecvRequestReady,
-                                             m_fdsRecvRequest, loadInt(m_maxRequestSlot), fresh)
+                                             m_fdsRecvRequest, loadInt(&m_maxRequestSlot), fresh)
                              : nextReadySlot(cursor, readyCount, m_fdsetRecvResponseReady,
-                                             m_fdsRecvResponse, loadInt(m_maxResponseSlot), fresh);
+                                             m_fdsRecvResponse, loadInt(&m_maxResponseSlot), fresh);
         if (slot >= 0) return slot;
         fresh = false;
     }
@@ -93,7 +93,7 @@ int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_se
     while (*pCursor != 0 || *pReadyCount > 0) {
         if (*pCursor > maxSlot) break;
         const int slot = (*pCursor)++;
-        const int fd = loadFd(fds[slot]);
+        const int fd = loadFd(&fds[slot]);
         if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &ready)) continue;
         const bool cycleOver = --*pReadyCount <= 0;
         if (cycleOver) *pCursor = 0;
@@ -134,7 +134,7 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
     }
     // Counted before the descriptor is loaded: whoever closes the slot waits for the write.
     CSendGuard sending(m_sendsInFlight[slot]);
-    if (hr == S_OK) fd = loadFd(m_fdsSendRequest[slot]);
+    if (hr == S_OK) fd = loadFd(&m_fdsSendRequest[slot]);
     if (hr == S_OK && fd == -1) {
         qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X) failed, ipcid %d, hr 0x%08X",
                    addr, static_cast<int>(ipcid), QVIPC_E_NO_PIPE);
@@ -214,7 +214,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextRequestSlot > loadInt(m_maxRequestSlot)) m_nextRequestSlot = 0;
+    if (m_nextRequestSlot > loadInt(&m_maxRequestSlot)) m_nextRequestSlot = 0;
 
     t_requestReceiverOf = nullptr;
     m_inReceiveRequest.store(0);
@@ -233,7 +233,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestSecondaryServer(unsigned long* pIpcid,
     *pIpcid = 0;
 
     QVRESULT hr = waitInitialized();
-    while (hr == S_OK && loadFd(m_fdsRecvRequest[REQUEST_PIPE]) == -1) {
+    while (hr == S_OK && loadFd(&m_fdsRecvRequest[REQUEST_PIPE]) == -1) {
         if (m_shutdown.load() != 0) {
             hr = QVIPC_E_SHUTDOWN;
         } else {
@@ -265,7 +265,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
 
     QVRESULT hr = S_OK;
     for (;;) {
-        int fd = loadFd(m_fdsRecvRequest[slot]);
+        int fd = loadFd(&m_fdsRecvRequest[slot]);
         // On the server a slot picked by the scan may have been freed since by another thread
         // (the reconnect command); waiting for it to be filled again would hold the loop.
         if (fd == -1 && m_isServer != 0) {
@@ -274,7 +274,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
         }
         while (fd == -1 && m_shutdown.load() == 0) {
             CPortable::Sleep(POLL_INTERVAL_MS);
-            fd = loadFd(m_fdsRecvRequest[slot]);
+            fd = loadFd(&m_fdsRecvRequest[slot]);
         }
         if (m_shutdown.load() != 0) {
             hr = QVIPC_E_SHUTDOWN;

@@ -61,7 +61,7 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         if (ipcid >= m_maxConnections) {
             hr = QVIPC_E_INVALID_ID;
         } else {
-            fd = loadFd(m_fdsSendResponse[slot]);
+            fd = loadFd(&m_fdsSendResponse[slot]);
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::sendResponse (0x%08X) failed, ipcid %d, hr "
@@ -143,7 +143,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
         }
         if (slot == ADMINPIPE) {
             ResponseFrame drop;
-            const ssize_t n = ::read(loadFd(m_fdsRecvResponse[ADMINPIPE]), drop, sizeof drop);
+            const ssize_t n = ::read(loadFd(&m_fdsRecvResponse[ADMINPIPE]), drop, sizeof drop);
             (void)n;
             unsigned char set[8];
             CCritSecLock lock(m_pCritSec, __LINE__);
@@ -160,7 +160,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextResponseSlot > loadInt(m_maxResponseSlot)) m_nextResponseSlot = 0;
+    if (m_nextResponseSlot > loadInt(&m_maxResponseSlot)) m_nextResponseSlot = 0;
 
     qvTrace("<<<CQVIPCLibraryImpl::receiveResponseServer (0x%08X)", addr);
     return hr;
@@ -191,7 +191,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
 
     QVRESULT hr = S_OK;
     for (;;) {
-        const int fd = loadFd(m_fdsRecvResponse[slot]);
+        const int fd = loadFd(&m_fdsRecvResponse[slot]);
         if (fd == -1) {
             if (keepWaiting == 0) {
                 hr = QVIPC_E_DISCONNECTED;

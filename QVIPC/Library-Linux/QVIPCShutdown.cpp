@@ -45,12 +45,12 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     RequestFrame requestWake;
     buildAdminRecord(requestWake, TYPE_DATA, 0, 0, 0);
     if (m_isServer != 0) {
-        const int fd = loadFd(m_fdsSendRequest[0]);
+        const int fd = loadFd(&m_fdsSendRequest[0]);
         if (fd != -1 &&
             writeRecord(*m_pPipeIO, fd, requestWake) == static_cast<int>(sizeof requestWake)) {
             waitWhileSet(m_inReceiveRequest);
         }
-    } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
+    } else if (loadFd(&m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
         CFdGuard fd(openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags));
         if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), requestWake) ==
                                   static_cast<int>(sizeof requestWake)) {
@@ -71,7 +71,7 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
                 waitWhileSet(m_inReceiveResponse);
             }
         }
-    } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
+    } else if (loadFd(&m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
         CFdGuard fd(openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags));
         if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), responseWake) ==
                                   static_cast<int>(sizeof responseWake)) {
@@ -81,27 +81,33 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
 
     // The internal pipe's read end is also m_fdsRecvResponse[0]; it is closed once, there.
     const bool pipeReadInSlot0 =
-        m_adminResponsePipe[0] != -1 && loadFd(m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
+        m_adminResponsePipe[0] != -1 && loadFd(&m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
 
-    for (int slot = 0; slot <= loadInt(m_maxResponseSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(&m_maxResponseSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvResponse[%d] %d", addr,
-                slot, loadFd(m_fdsRecvResponse[slot]));
-        closeFd(m_fdsRecvResponse[slot]);
+                slot, loadFd(&m_fdsRecvResponse[slot]));
+        closeEntry(&m_fdsRecvResponse[slot]);
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendRequest[%d] %d", addr,
-                slot, loadFd(m_fdsSendRequest[slot]));
-        closeFd(m_fdsSendRequest[slot]);
+                slot, loadFd(&m_fdsSendRequest[slot]));
+        closeEntry(&m_fdsSendRequest[slot]);
     }
-    storeInt(m_maxResponseSlot, -1);
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        storeInt(m_maxResponseSlot, -1);
+    }
 
-    for (int slot = 0; slot <= loadInt(m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(&m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvRequest[%d] %d", addr,
-                slot, loadFd(m_fdsRecvRequest[slot]));
-        closeFd(m_fdsRecvRequest[slot]);
+                slot, loadFd(&m_fdsRecvRequest[slot]));
+        closeEntry(&m_fdsRecvRequest[slot]);
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendResponse[%d] %d", addr,
-                slot, loadFd(m_fdsSendResponse[slot]));
-        closeFd(m_fdsSendResponse[slot]);
+                slot, loadFd(&m_fdsSendResponse[slot]));
+        closeEntry(&m_fdsSendResponse[slot]);
     }
-    storeInt(m_maxRequestSlot, -1);
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        storeInt(m_maxRequestSlot, -1);
+    }
 
     if (pipeReadInSlot0) {
         m_adminResponsePipe[0] = -1;
@@ -114,10 +120,10 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     // before it was stopped (the highest-slot values cover slot 1 only once connected), and
     // read ends of freed slots that a server's receivers had not yet closed themselves.
     if (m_isServer == 0) {
-        closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
-        closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
-        closeFd(m_fdsSendRequest[REQUEST_PIPE]);
-        closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+        closeEntry(&m_fdsRecvResponse[REQUEST_PIPE]);
+        closeEntry(&m_fdsRecvRequest[REQUEST_PIPE]);
+        closeEntry(&m_fdsSendRequest[REQUEST_PIPE]);
+        closeEntry(&m_fdsSendResponse[REQUEST_PIPE]);
     }
     closeDeferredFds(&m_fdsDeferredCloseRequest);
     closeDeferredFds(&m_fdsDeferredCloseResponse);

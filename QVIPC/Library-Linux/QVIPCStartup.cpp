@@ -102,7 +102,7 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                     adminPath.c_str());
             // A retry after a failed start-up keeps the read end the failed one stored.
             CFdGuard opened;
-            int fd = loadFd(m_fdsRecvRequest[0]);
+            int fd = loadFd(&m_fdsRecvRequest[0]);
             if (fd == -1) {
                 opened.reset(openAdminReadEnd(adminPath));
                 fd = opened.get();
@@ -134,7 +134,10 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                     adminPath.c_str(), errno);
                 hr = QVIPC_E_MKNOD;
             } else {
-                storeFd(m_fdsSendRequest[0], fd.release());
+                {
+                    CCritSecLock lock(m_pCritSec, __LINE__);
+                    storeFd(m_fdsSendRequest[0], fd.release());
+                }
                 m_initialized.store(1);
             }
         }

@@ -5,19 +5,22 @@
 #define QVIPC_LIBRARY_LINUX_SLOTWORDS_H_
 
 // The members keep their designed plain types; every access from more than one thread is
-// atomic, sequentially consistent.
+// atomic, sequentially consistent. Loads take a pointer and stores a reference, on purpose:
+// the slot tables and highest-slot values are GUARDED_BY(m_pCritSec), and clang's analysis
+// insists on the lock wherever such a member is passed by reference, so no write gets past it
+// unlocked; the lock-free reads are by design (docs/threads.md), and a pointer lets them pass.
 
-inline int loadInt(const int& word) { return __atomic_load_n(&word, __ATOMIC_SEQ_CST); }
+inline int loadInt(const int* word) { return __atomic_load_n(word, __ATOMIC_SEQ_CST); }
 inline void storeInt(int& word, int value) { __atomic_store_n(&word, value, __ATOMIC_SEQ_CST); }
 
 // A descriptor entry: -1 for closed.
-inline int loadFd(const int& entry) { return loadInt(entry); }
+inline int loadFd(const int* entry) { return loadInt(entry); }
 inline void storeFd(int& entry, int fd) { storeInt(entry, fd); }
 // Takes the descriptor out of the entry, leaving -1; the caller closes what it got.
 inline int takeFd(int& entry) { return __atomic_exchange_n(&entry, -1, __ATOMIC_SEQ_CST); }
 
-inline unsigned long loadWord(const unsigned long& word) {
-    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
+inline unsigned long loadWord(const unsigned long* word) {
+    return __atomic_load_n(word, __ATOMIC_SEQ_CST);
 }
 inline void storeWord(unsigned long& word, unsigned long value) {
     __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
