@@ -4,8 +4,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "platform/AtomicWord.h"
+
 void closeFd(int& fd) {
-    const int taken = __atomic_exchange_n(&fd, -1, __ATOMIC_SEQ_CST);
+    const int taken = atomicExchange(&fd, -1);
     if (taken != -1) ::close(taken);
 }
 
