@@ -15,3 +15,14 @@ option(QVIPC_WERROR "Treat warnings as errors" OFF)
 option(QVIPC_GTEST_FROM_SOURCE "Build GoogleTest from /usr/src/googletest (for -m32)" OFF)
 set(QVIPC_SANITIZER "none" CACHE STRING "none, address (with undefined), undefined, thread")
 set_property(CACHE QVIPC_SANITIZER PROPERTY STRINGS none address undefined thread)
+option(QVIPC_THREAD_SAFETY
+       "clang: check the lock annotations of the library and tools (-Wthread-safety)" OFF)
+
+if(QVIPC_THREAD_SAFETY)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "QVIPC_THREAD_SAFETY needs clang")
+    endif()
+    # Tests opt out in QVIPCTesting.cmake: they set an endpoint's members directly, on
+    # endpoints no other thread sees.
+    add_compile_options(-Wthread-safety)
+endif()

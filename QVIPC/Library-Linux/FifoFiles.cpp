@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "platform/FdGuard.h"
 #include "platform/NamedObject.h"
 
 namespace {
@@ -23,17 +24,15 @@ int makeFifo(const std::string& path) {
     if (mknod(path.c_str(), FIFO_MODE, 0) != 0 && errno != EEXIST) return errno;
     // The mode is set on an opened descriptor, never by name, so that it cannot reach the
     // target of a link. A non-blocking read end opens at once and reads nothing.
-    int fd = openFifo(path, O_RDONLY | O_NONBLOCK);
-    if (fd != -1) {
-        fchmod(fd, FILE_MODE);
-        close(fd);
+    CFdGuard fd(openFifo(path, O_RDONLY | O_NONBLOCK));
+    if (fd.get() != -1) {
+        fchmod(fd.get(), FILE_MODE);
         return 0;
     }
     if (errno != EACCES) return errno;
     // Another user's FIFO that this user may not read: its mode is not ours to set, but it is
     // still the service's FIFO if it is one. O_PATH needs no permission on the file.
-    fd = openFifo(path, O_PATH);
-    if (fd == -1) return errno;
-    close(fd);
+    fd.reset(openFifo(path, O_PATH));
+    if (fd.get() == -1) return errno;
     return 0;
 }

@@ -1,24 +1,14 @@
 // The frames on every FIFO of a service: the 72-byte request header, the 68-byte response header
-// and the admin records built on them, as 32-bit native-order words at fixed offsets (the tables
-// are in docs/wire-format.md). Also the two readers every receive path shares: one header read
-// and the body read into a caller-owned buffer. Stateless; safe on any thread.
+// and the admin records built on them, as 32-bit native-order words at fixed offsets. The
+// tables are in docs/wire-format.md; the static_asserts keep this file in step with them.
 #ifndef QVIPC_LIBRARY_LINUX_FRAMING_H_
 #define QVIPC_LIBRARY_LINUX_FRAMING_H_
-
-#include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "QVIPC/Library-Linux/QVIPCDefs.h"
-#include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 
 namespace qvframe {
 
@@ -139,145 +129,28 @@ inline void copyExtOut(const unsigned char* frame, size_t offset, char* ext, siz
     }
 }
 
-// One read() of a whole header. Returns what read() returned; an interrupted call is repeated,
-// as nothing was consumed. Anything but size bytes is a failed header read for the caller.
-inline ssize_t readHeader(int fd, unsigned char* frame, size_t size) {
-    ssize_t n;
-    do {
-        n = ::read(fd, frame, size);
-    } while (n < 0 && errno == EINTR);
-    return n;
+// The records that carry no message: the admin records CONNECT, DISCONNECT and INTERNAL, the
+// connect notification and the request-side shutdown wake-up (72 bytes); the connect reply and
+// the response-side wake-ups (68 bytes). The fields come in wire order; the rest is zero (the
+// request id of a 72-byte record, every body size, the extension).
+inline void buildAdminRecord(RequestFrame& frame, uint32_t type, uint32_t connectId, uint32_t pid,
+                             int32_t requestType) {
+    RequestHeader h;
+    h.type = type;
+    h.connectId = connectId;
+    h.pid = pid;
+    h.requestType = requestType;
+    buildRequest(frame, h, nullptr, 0);
 }
 
-// Reads a body of size bytes into a new[] buffer of exactly that size. S_OK hands the buffer
-// over in *ppBuf (null for size 0); QVIPC_E_OUTOFMEMORY when it cannot be allocated;
-// QVIPC_E_READ when the read fails or the writer closes before size bytes came: end of file
-// and errors other than EINTR end the body, so a writer that died mid-body cannot keep the
-// reader looping. *pErr gets errno of the failed read (0 for end of file).
-inline QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr) {
-    *ppBuf = nullptr;
-    *pErr = 0;
-    if (size == 0) return S_OK;
-    std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
-    if (!buf) return QVIPC_E_OUTOFMEMORY;
-    // One read() never asks for more than this, so its result fits ssize_t on 32 bits.
-    constexpr uint32_t MAX_CHUNK = 0x40000000u;
-    uint32_t got = 0;
-    while (got < size) {
-        const uint32_t want = size - got < MAX_CHUNK ? size - got : MAX_CHUNK;
-        const ssize_t n = ::read(fd, buf.get() + got, want);
-        if (n > 0) {
-            got += static_cast<uint32_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        *pErr = n < 0 ? errno : 0;
-        return QVIPC_E_READ;
-    }
-    *ppBuf = buf.release();
-    return S_OK;
-}
-
-// The read events of fd right now (a poll() that does not wait); 0 when poll() fails.
-inline short readEventsNow(int fd) {
-    pollfd p;
-    p.fd = fd;
-    p.events = POLLIN;
-    p.revents = 0;
-    int n;
-    do {
-        n = ::poll(&p, 1, 0);
-    } while (n < 0 && errno == EINTR);
-    return n == 1 ? p.revents : 0;
-}
-
-// Whether a read on fd would not block now (data, end of file, or an error to report). A
-// select() cycle serves its ready set over several calls; by the time a slot's turn comes its
-// descriptor may have been closed and its number reused for a FIFO with nothing to read, and a
-// blocking read() there would hold the receive loop, shutdown included.
-inline bool isReadable(int fd) {
-    const short ev = readEventsNow(fd);
-    return ev != 0 && (ev & POLLNVAL) == 0;
-}
-
-// A FIFO holds 64 KiB by default, so a larger message crosses it in several rounds of
-// writer and reader waking each other. Before such a message the sender grows the FIFO to
-// hold it whole, up to 1 MiB (the most an unprivileged process may ask for); the size is the
-// pipe's own, invisible on the wire, and stays for the FIFO's later messages. A refusal (the
-// user's pipe memory is used up, or a kernel without the call) leaves the FIFO as it was.
-inline void fitPipeTo(int fd, size_t messageBytes) {
-    constexpr size_t DEFAULT_PIPE = 65536;
-    constexpr size_t MAX_PIPE = 1048576;
-    if (messageBytes <= DEFAULT_PIPE) return;
-    const int current = fcntl(fd, F_GETPIPE_SZ);
-    if (current < 0 || static_cast<size_t>(current) >= MAX_PIPE ||
-        static_cast<size_t>(current) >= messageBytes) {
-        return;
-    }
-    size_t want = DEFAULT_PIPE * 2;
-    while (want < messageBytes && want < MAX_PIPE) want *= 2;
-    (void)fcntl(fd, F_SETPIPE_SZ, static_cast<int>(want));
-}
-
-// Sends one message, its header and body in one writev() through the endpoint's writer (the
-// FIFO grown first when the message is large). bodyLen is the caller's length, whole: a
-// message the writer cannot report in its int result (2 GiB or more, or a length the header's
-// 32 bits cannot carry) is refused by it before anything is written. Returns its result.
-template <typename Writer>
-int writeMessage(Writer& writer, int fd, const unsigned char* header, size_t headerSize,
-                 const char* body, size_t bodyLen, unsigned long timeout) {
-    iovec iov[2];
-    iov[0].iov_base = const_cast<unsigned char*>(header);
-    iov[0].iov_len = headerSize;
-    iov[1].iov_base = const_cast<char*>(body);
-    iov[1].iov_len = bodyLen;
-    fitPipeTo(fd, headerSize + bodyLen);
-    return writer.writev(fd, iov, bodyLen != 0 ? 2 : 1, timeout);
-}
-
-// The endpoint's address as the "0x%08X" of every trace text shows it.
-inline unsigned traceAddr(const void* p) {
-    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
-}
-
-// Descriptor entries that several threads read (receivers, senders, the connect thread) are
-// loaded and stored atomically; the members keep their designed plain int type.
-inline int loadFd(const int& entry) { return __atomic_load_n(&entry, __ATOMIC_SEQ_CST); }
-inline void storeFd(int& entry, int fd) { __atomic_store_n(&entry, fd, __ATOMIC_SEQ_CST); }
-inline int takeFd(int& entry) { return __atomic_exchange_n(&entry, -1, __ATOMIC_SEQ_CST); }
-
-// The per-slot words (peer connect id and pid) and the request id counter are read by the dump
-// and written by senders, the admin handling and the connect thread on other threads: they are
-// loaded and stored atomically too, and the members keep their designed unsigned long type.
-// The two highest-slot values are raised by the admin handling and the connect thread and
-// reset by finalize while the receive loops read them.
-inline int loadInt(const int& value) { return __atomic_load_n(&value, __ATOMIC_SEQ_CST); }
-inline unsigned long loadWord(const unsigned long& word) {
-    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
-}
-inline void storeWord(unsigned long& word, unsigned long value) {
-    __atomic_store_n(&word, value, __ATOMIC_SEQ_CST);
-}
-
-// Counts one sender in a slot for as long as it lives; see m_sendsInFlight.
-class CSendGuard {
-public:
-    explicit CSendGuard(int& count) : m_count(count) {
-        __atomic_add_fetch(&m_count, 1, __ATOMIC_SEQ_CST);
-    }
-    ~CSendGuard() { __atomic_sub_fetch(&m_count, 1, __ATOMIC_SEQ_CST); }
-    CSendGuard(const CSendGuard&) = delete;
-    CSendGuard& operator=(const CSendGuard&) = delete;
-
-private:
-    int& m_count;
-};
-
-// Closes the descriptor an entry holds, if any, and marks the entry closed; safe to repeat.
-inline void closeFd(int& entry) {
-    const int fd = takeFd(entry);
-    // close() is not retried on EINTR: the descriptor is gone either way.
-    if (fd != -1) ::close(fd);
+inline void buildAdminRecord(ResponseFrame& frame, uint32_t type, uint32_t requestId,
+                             uint32_t result, uint32_t pid) {
+    ResponseHeader h;
+    h.type = type;
+    h.requestId = requestId;
+    h.result = result;
+    h.pid = pid;
+    buildResponse(frame, h, nullptr, 0);
 }
 
 }  // namespace qvframe

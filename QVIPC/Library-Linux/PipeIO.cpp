@@ -128,6 +128,6 @@ void CQVIPCLibraryImpl::clearO_NONBLOCK(int fd) {
         // The second number is the status flags that were read (-1 when none could be).
         qvLogError(
             "(Error) CQVIPCLibraryImpl::clearO_NONBLOCK (0x%08X), fcntl failed: fd %d, errno %d %d",
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)), fd, err, flags);
+            traceAddr(this), fd, err, flags);
     }
 }

@@ -19,8 +19,8 @@ public:
     // Appends a copy of path; duplicates stay.
     void add(const std::string& path);
 
-    CPCritSec m_critSec;                   // guards m_pipenames
-    std::vector<std::string> m_pipenames;  // in the order made
+    CPCritSec m_critSec;
+    std::vector<std::string> m_pipenames GUARDED_BY(m_critSec);  // in the order made
 };
 
 extern CPipenameRegistry g_pipenameRegistry;

@@ -1,8 +1,6 @@
 // The server's half of the connection handshake: one admin record per call, read on the thread
-// that sits in the server's receiveRequest. Also the slot clean-up shared with the reconnect
-// path, which may run on any thread: a slot's descriptor entries, its peer words, the
-// connect-id map, the descriptor sets, their maxima and the highest-slot values change only
-// under m_pCritSec, and no system call that can wait is made while it is held.
+// that sits in the server's receiveRequest. A new slot's descriptors stay in guards until the
+// connect has succeeded, then enter the slot tables in one step under m_pCritSec.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/select.h>
@@ -11,10 +9,12 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
@@ -43,15 +43,21 @@ std::string decimal(uint32_t value) {
 // A descriptor at or above FD_SETSIZE could never go into a select() set: it counts as a
 // failure (EMFILE), so the connect is refused cleanly and the client tries again later.
 int openServerReadEnd(CQVIPCLibraryImpl* self, const std::string& path) {
-    const int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
-    if (fd == -1) return -1;
-    if (fd >= FD_SETSIZE) {
-        close(fd);
+    CFdGuard fd(openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK));
+    if (fd.get() == -1) return -1;
+    if (fd.get() >= FD_SETSIZE) {
+        fd.reset();
         errno = EMFILE;
         return -1;
     }
-    self->clearO_NONBLOCK(fd);
-    return fd;
+    self->clearO_NONBLOCK(fd.get());
+    return fd.release();
+}
+
+// Adds a read end to a master set, raising its highest descriptor. Caller holds m_pCritSec.
+void addToSet(fd_set& set, int& fdmax, int fd) {
+    if (fd > fdmax) fdmax = fd;
+    FD_SET(fd, &set);
 }
 
 }  // namespace
@@ -62,7 +68,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnAdminPipe(unsigned long* pSlot) {
 
     QVRESULT hr = S_OK;
     RequestFrame record;
-    const ssize_t n = readHeader(loadFd(m_fdsRecvRequest[0]), record, sizeof record);
+    const ssize_t n = readHeader(loadFd(&m_fdsRecvRequest[0]), record, sizeof record);
     if (n != static_cast<ssize_t>(sizeof record)) {
         const int err = n < 0 ? errno : 0;
         qvLogError("(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), read failed %d",
@@ -102,7 +108,7 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     // command), which leaves this choice valid.
     unsigned long fdId = 0;
     for (unsigned long i = 1; i < m_maxConnections; ++i) {
-        if (loadFd(m_fdsRecvResponse[i]) == -1) {
+        if (loadFd(&m_fdsRecvResponse[i]) == -1) {
             fdId = i;
             break;
         }
@@ -127,21 +133,23 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     const std::string strPid = decimal(pid);
     QVRESULT hr = S_OK;
 
-    // The new slot's descriptors stay local until the connection is complete and then enter
+    // The new slot's descriptors, in guards until the connection is complete; then they enter
     // the slot in one step, so that a thread freeing slots never meets a half-made one.
-    int recvReq = -1;
-    int recvRsp = -1;
-    int sendReq = -1;
+    // Declared in this order so that a connect that fails half-way closes the reply end
+    // first, then the read ends, then the write end.
+    CFdGuard sendReq;
+    CFdGuard recvRsp;
+    CFdGuard recvReq;
+    CFdGuard replyFd;
 
     // The reply descriptor: the client's server-response FIFO, open once the client holds its
     // read end.
     const std::string replyPath = pipenameServerResponse(strConnectId, strPid);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendResponse %s",
             replyPath.c_str());
-    int replyFd = -1;
     for (int tries = 0; tries < OPEN_REPLY_TRIES; ++tries) {
-        replyFd = openFifo(replyPath, O_WRONLY | O_NONBLOCK);
-        if (replyFd != -1) break;
+        replyFd.reset(openFifo(replyPath, O_WRONLY | O_NONBLOCK));
+        if (replyFd.get() != -1) break;
         // The 20 seconds of tries end early when the endpoint stops, and when the process that
         // sent the CONNECT no longer exists: nobody will ever open that read end, and the
         // request loop would serve no other client meanwhile. (A client killed between its
@@ -153,117 +161,95 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         }
         if (!sleepUnlessShutdown(POLL_INTERVAL_MS)) break;
     }
-    if (replyFd == -1) {
-        hr = m_shutdown.load() != 0 ? QVIPC_E_SHUTDOWN : QVIPC_E_OPEN_TIMEOUT;
+    if (replyFd.get() == -1) {
+        return m_shutdown.load() != 0 ? QVIPC_E_SHUTDOWN : QVIPC_E_OPEN_TIMEOUT;
+    }
+    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(replyFd.get());
+
+    if (fdId == 0) {
+        hr = QVIPC_E_TOO_MANY_CLIENTS;
     } else {
-        if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(replyFd);
-
-        if (fdId == 0) {
-            hr = QVIPC_E_TOO_MANY_CLIENTS;
-        } else {
-            const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
-            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
-                    recvReqPath.c_str());
-            recvReq = openServerReadEnd(this, recvReqPath);
-            std::string failedPath = recvReqPath;
-            if (recvReq != -1) {
-                failedPath = pipenameClientResponse(strConnectId, strPid);
-                qvTrace(
-                    "CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
+        const std::string recvReqPath = pipenameServerRequest(strConnectId, strPid);
+        qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvRequest %s",
+                recvReqPath.c_str());
+        recvReq.reset(openServerReadEnd(this, recvReqPath));
+        std::string failedPath = recvReqPath;
+        if (recvReq.get() != -1) {
+            failedPath = pipenameClientResponse(strConnectId, strPid);
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, creating m_fdsRecvResponse %s",
                     failedPath.c_str());
-                recvRsp = openServerReadEnd(this, failedPath);
-            }
-            if (recvReq == -1 || recvRsp == -1) {
-                qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), creating %s, "
-                    "%d",
-                    addr, failedPath.c_str(), errno);
-                hr = QVIPC_E_CREATE_PIPE;
-            } else {
-                // One try: the client opened its read end before it sent the CONNECT.
-                const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
-                qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
-                        sendReqPath.c_str());
-                sendReq = openFifo(sendReqPath, O_WRONLY | O_NONBLOCK);
-                if (sendReq == -1) {
-                    qvLogError(
-                        "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening "
-                        "%s, %d",
-                        addr, sendReqPath.c_str(), errno);
-                    hr = QVIPC_E_OPEN_TIMEOUT;
-                } else if (m_sendTimeout == QVIPC_NO_TIMEOUT) {
-                    clearO_NONBLOCK(sendReq);
-                }
-            }
+            recvRsp.reset(openServerReadEnd(this, failedPath));
         }
-
-        ResponseFrame reply;
-        ResponseHeader rh;
-        rh.type = TYPE_CONNECT;
-        rh.requestId = requestId;
-        rh.result = hr;
-        rh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-        buildResponse(reply, rh, nullptr, 0);
-        if (m_pPipeIO->write(replyFd, reply, static_cast<int>(sizeof reply), QVIPC_NO_TIMEOUT) !=
-            static_cast<int>(sizeof reply)) {
-            hr = QVIPC_E_WRITE_RESPONSE;
-        }
-
-        if (hr == S_OK) {
-            RequestFrame note;
-            RequestHeader nh;
-            nh.type = TYPE_CONNECT;
-            nh.connectId = static_cast<uint32_t>(m_connectId);
-            nh.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-            nh.requestType = 1;
-            buildRequest(note, nh, nullptr, 0);
-            if (m_pPipeIO->write(sendReq, note, static_cast<int>(sizeof note), QVIPC_NO_TIMEOUT) <
-                0) {
+        if (recvReq.get() == -1 || recvRsp.get() == -1) {
+            qvLogError(
+                "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), creating %s, %d",
+                addr, failedPath.c_str(), errno);
+            hr = QVIPC_E_CREATE_PIPE;
+        } else {
+            // One try: the client opened its read end before it sent the CONNECT.
+            const std::string sendReqPath = pipenameClientRequest(strConnectId, strPid);
+            qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, opening m_fdsSendRequest %s",
+                    sendReqPath.c_str());
+            sendReq.reset(openFifo(sendReqPath, O_WRONLY | O_NONBLOCK));
+            if (sendReq.get() == -1) {
                 qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write "
-                    "failed %d",
-                    addr, errno);
-                hr = QVIPC_E_WRITE;
+                    "(Error)CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), opening %s, %d",
+                    addr, sendReqPath.c_str(), errno);
+                hr = QVIPC_E_OPEN_TIMEOUT;
+            } else if (m_sendTimeout == QVIPC_NO_TIMEOUT) {
+                clearO_NONBLOCK(sendReq.get());
             }
         }
     }
 
-    if (hr != S_OK) {
-        // A connect that fails half-way closes what it opened; none of it is in a slot yet.
-        for (const int fd : {replyFd, recvReq, recvRsp, sendReq}) {
-            if (fd != -1) close(fd);
-        }
-        return hr;
+    const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
+    ResponseFrame reply;
+    buildAdminRecord(reply, TYPE_CONNECT, requestId, hr, ownPid);
+    if (writeRecord(*m_pPipeIO, replyFd.get(), reply) != static_cast<int>(sizeof reply)) {
+        hr = QVIPC_E_WRITE_RESPONSE;
+    }
+    if (hr != S_OK) return hr;
+
+    RequestFrame note;
+    buildAdminRecord(note, TYPE_CONNECT, static_cast<uint32_t>(m_connectId),
+                     static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
+    if (writeRecord(*m_pPipeIO, sendReq.get(), note) < 0) {
+        qvLogError("(Error) CQVIPCLibraryImpl::receiveRequestOnAdminPipe (0x%08X), write failed %d",
+                   addr, errno);
+        return QVIPC_E_WRITE;
     }
 
+    const int slot = static_cast<int>(fdId);
+    const int recvRspFd = recvRsp.get();
+    const int sendReqFd = sendReq.get();
+    const int recvReqFd = recvReq.get();
+    const int replyFdNumber = replyFd.get();
     m_requestPipeSeen[fdId] = 1;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        storeFd(m_fdsRecvResponse[fdId], recvRsp);
-        storeFd(m_fdsSendRequest[fdId], sendReq);
-        storeFd(m_fdsRecvRequest[fdId], recvReq);
-        storeFd(m_fdsSendResponse[fdId], replyFd);
+        storeFd(m_fdsRecvResponse[fdId], recvRsp.release());
+        storeFd(m_fdsSendRequest[fdId], sendReq.release());
+        storeFd(m_fdsRecvRequest[fdId], recvReq.release());
+        storeFd(m_fdsSendResponse[fdId], replyFd.release());
         m_connectIdMap[connectId] = fdId;
         storeWord(m_slotConnectId[fdId], connectId);
         storeWord(m_slotPid[fdId], pid);
         m_lastConnectAttempt[fdId] = 0;
-        const int slot = static_cast<int>(fdId);
-        if (m_maxRequestSlot < slot) __atomic_store_n(&m_maxRequestSlot, slot, __ATOMIC_SEQ_CST);
-        if (recvReq > m_fdmaxRecvRequest) m_fdmaxRecvRequest = recvReq;
-        FD_SET(recvReq, &m_fdsetRecvRequest);
-        if (m_maxResponseSlot < slot) __atomic_store_n(&m_maxResponseSlot, slot, __ATOMIC_SEQ_CST);
-        if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
-        FD_SET(recvRsp, &m_fdsetRecvResponse);
+        if (loadInt(&m_maxRequestSlot) < slot) storeInt(m_maxRequestSlot, slot);
+        addToSet(m_fdsetRecvRequest, m_fdmaxRecvRequest, recvReqFd);
+        if (loadInt(&m_maxResponseSlot) < slot) storeInt(m_maxResponseSlot, slot);
+        addToSet(m_fdsetRecvResponse, m_fdmaxRecvResponse, recvRspFd);
     }
     wakeResponseReceiver();
 
-    const int slot = static_cast<int>(fdId);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvResponse[%d] %d", slot,
-            recvRsp);
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot, sendReq);
-    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot, recvReq);
+            recvRspFd);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendRequest[%d] %d", slot,
+            sendReqFd);
+    qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsRecvRequest[%d] %d", slot,
+            recvReqFd);
     qvTrace("CQVIPCLibraryImpl::receiveRequestOnAdminPipe, m_fdsSendResponse[%d] %d", slot,
-            replyFd);
+            replyFdNumber);
     return QVIPC_E_NEW_CONNECTION;
 }
 
@@ -288,113 +274,4 @@ bool CQVIPCLibraryImpl::slotOfConnectId(uint32_t connectId, unsigned long* pSlot
     if (it == m_connectIdMap.end()) return false;
     *pSlot = it->second;
     return true;
-}
-
-void CQVIPCLibraryImpl::closeServerSlot(unsigned long slot, bool forgetPeer) {
-    if (slot >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
-    int recvRsp;
-    int sendReq;
-    int recvReq;
-    int sendRsp;
-    {
-        // Two threads may free the same slot at once (the request receiver on a disconnect,
-        // another thread on the reconnect command): the one that takes the descriptors closes
-        // them, the other finds -1 and nothing to erase.
-        CCritSecLock lock(m_pCritSec, __LINE__);
-        recvRsp = takeFd(m_fdsRecvResponse[slot]);
-        sendReq = takeFd(m_fdsSendRequest[slot]);
-        recvReq = takeFd(m_fdsRecvRequest[slot]);
-        sendRsp = takeFd(m_fdsSendResponse[slot]);
-        // The entry of the slot's connect id: a slot has at most one.
-        for (auto it = m_connectIdMap.begin(); it != m_connectIdMap.end(); ++it) {
-            if (it->second == slot) {
-                m_connectIdMap.erase(it);
-                break;
-            }
-        }
-        if (forgetPeer) {
-            storeWord(m_slotConnectId[slot], 0);
-            storeWord(m_slotPid[slot], 0);
-        }
-        rebuildRequestSet();
-        rebuildResponseSet();
-        // A receiver that entered its call after the entry was taken never sees the read end;
-        // one that is inside may still use it, and closes it itself. The request receiver
-        // closes its own at once, as it is using none right now.
-        if (recvRsp != -1 && m_inReceiveResponse.load() != 0) {
-            m_fdsDeferredCloseResponse.push_back(recvRsp);
-            recvRsp = -1;
-        }
-        if (recvReq != -1 && m_inReceiveRequest.load() != 0 && !onRequestReceiver()) {
-            m_fdsDeferredCloseRequest.push_back(recvReq);
-            recvReq = -1;
-        }
-    }
-    if (recvRsp != -1) close(recvRsp);
-    closeWriteEnd(sendReq, slot);
-    if (recvReq != -1) close(recvReq);
-    closeWriteEnd(sendRsp, slot);
-}
-
-void CQVIPCLibraryImpl::closeWriteEnd(int fd, unsigned long slot) {
-    if (fd == -1) return;
-    // The entry is -1 already, so no new sender takes the descriptor; one that took it before
-    // ends its write (a dead reader fails it at once, a send time-out bounds it). At shutdown
-    // nobody waits: finalize closes what is left.
-    while (__atomic_load_n(&m_sendsInFlight[slot], __ATOMIC_SEQ_CST) != 0 &&
-           m_shutdown.load() == 0) {
-        CPortable::Sleep(1);
-    }
-    close(fd);
-}
-
-void CQVIPCLibraryImpl::rebuildRequestSet() {
-    FD_ZERO(&m_fdsetRecvRequest);
-    m_fdmaxRecvRequest = 0;
-    for (int i = 0; i <= loadInt(m_maxRequestSlot) && i < QVIPC_MAX_SLOTS; ++i) {
-        const int fd = loadFd(m_fdsRecvRequest[i]);
-        if (fd == -1 || fd >= FD_SETSIZE) continue;
-        FD_SET(fd, &m_fdsetRecvRequest);
-        if (fd > m_fdmaxRecvRequest) m_fdmaxRecvRequest = fd;
-    }
-}
-
-void CQVIPCLibraryImpl::rebuildResponseSet() {
-    FD_ZERO(&m_fdsetRecvResponse);
-    m_fdmaxRecvResponse = 0;
-    for (int i = 0; i <= loadInt(m_maxResponseSlot) && i < QVIPC_MAX_SLOTS; ++i) {
-        const int fd = loadFd(m_fdsRecvResponse[i]);
-        if (fd == -1 || fd >= FD_SETSIZE) continue;
-        FD_SET(fd, &m_fdsetRecvResponse);
-        if (fd > m_fdmaxRecvResponse) m_fdmaxRecvResponse = fd;
-    }
-}
-
-void CQVIPCLibraryImpl::closeDeferredFds(std::vector<int>& fds) {
-    std::vector<int> taken;
-    {
-        CCritSecLock lock(m_pCritSec, __LINE__);
-        taken.swap(fds);
-    }
-    for (const int fd : taken) close(fd);
-}
-
-void CQVIPCLibraryImpl::wakeResponseReceiver() {
-    const int fd = m_adminResponsePipe[1];
-    if (fd == -1) return;
-    ResponseFrame wake;
-    buildResponse(wake, ResponseHeader(), nullptr, 0);
-    // The write end is non-blocking: a full pipe already holds a pending wake-up, and the
-    // request loop must not block on a response receiver that nobody runs.
-    const ssize_t n = ::write(fd, wake, sizeof wake);
-    (void)n;
-}
-
-bool CQVIPCLibraryImpl::sleepUnlessShutdown(unsigned long ms) {
-    constexpr unsigned long SLICE_MS = 100;
-    for (unsigned long slept = 0; slept < ms; slept += SLICE_MS) {
-        if (m_shutdown.load() != 0) return false;
-        CPortable::Sleep(ms - slept < SLICE_MS ? ms - slept : SLICE_MS);
-    }
-    return m_shutdown.load() == 0;
 }

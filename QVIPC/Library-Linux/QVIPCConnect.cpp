@@ -1,6 +1,5 @@
-// A client's connect thread "QVConnect" (at most one per endpoint, never joined; finalize waits
-// for m_connectThreadRunning to drop) and the reconnect that restarts it, or that frees a
-// server slot whose client vanished. Slot 1's descriptors are published in a fixed order: read
+// A client's connect thread "QVConnect": at most one per endpoint, never joined; finalize waits
+// for m_connectThreadRunning to drop. Slot 1's descriptors are published in a fixed order: read
 // ends, write ends, response set, then m_connected, then the thread's end.
 #include <fcntl.h>
 #include <sys/select.h>
@@ -9,10 +8,12 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
@@ -23,18 +24,6 @@ namespace {
 constexpr unsigned long CONNECT_RETRY_MS = 1000;
 constexpr unsigned long RECEIVER_POLL_MS = 100;
 constexpr int OPEN_WRITE_END_TRIES = 20;
-constexpr unsigned long long RECONNECT_THROTTLE_MS = 10000;
-
-// The admin FIFO failure is traced at error priority, once per try.
-void traceAtErrorPriority(const char* path, int err) {
-    CTraceUtility* ptu = g_ptu;
-    LQLogLib::CLogFile* log = ptu != nullptr ? ptu->getLogFile() : nullptr;
-    if (log == nullptr) return;
-    log->TraceString(QV_TRACE_CLASS, QV_PRIORITY_ERROR,
-                     "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin %s, "
-                     "errno %d",
-                     path, err);
-}
 
 }  // namespace
 
@@ -68,16 +57,13 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
             CPortable::Sleep(RECEIVER_POLL_MS);
         }
         // Slot 1's write ends go now; its read ends are made anew by every attempt below.
-        closeWriteEnd(takeFd(m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
-        closeWriteEnd(takeFd(m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
-        storeWord(m_slotConnectId[REQUEST_PIPE], 0);
-        storeWord(m_slotPid[REQUEST_PIPE], 0);
+        dropClientWriteEnds();
 
         // Every attempt makes the client's read ends anew, so that each CONNECT finds both
         // open for the server's opens and the reply.
         bool refusedBefore = false;
         while (makeClientReadEnds()) {
-            int fdSendAdmin = -1;
+            CFdGuard fdSendAdmin;
             bool refused = false;
             const QVRESULT hr = connectAttempt(&fdSendAdmin, &refused);
             if (hr == S_OK) {
@@ -102,26 +88,21 @@ void CQVIPCLibraryImpl::connectThreadFunc() {
     m_connectThreadRunning.store(0);
 }
 
-// Opens a read end anew and puts it in place of the entry's old number in one step: a receive
-// thread that holds that number keeps reading the same FIFO, never a closed or reused number.
-// Returns the descriptor, or -1 (logged) when the FIFO cannot be opened.
-int CQVIPCLibraryImpl::replaceClientReadEnd(const std::string& path, int* pEntry) {
-    int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
-    if (fd == -1) {
+// Opens a read end anew. When old (the entry's number) is open, the new FIFO takes that number
+// with dup2(): a receive thread that holds the number keeps reading the same FIFO, never a
+// closed or reused number; old is returned then. Otherwise the new descriptor, for the caller
+// to store; -1 (logged) when the FIFO cannot be opened.
+int CQVIPCLibraryImpl::reopenClientReadEnd(const std::string& path, int old) {
+    CFdGuard fd(openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK));
+    if (fd.get() == -1) {
         qvLogError(
             "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't create recv pipe %s, errno %d",
             path.c_str(), errno);
         return -1;
     }
-    clearO_NONBLOCK(fd);
-    const int old = loadFd(*pEntry);
-    if (old != -1 && dup2(fd, old) == old) {
-        close(fd);
-        return old;
-    }
-    if (old != -1) closeFd(*pEntry);
-    storeFd(*pEntry, fd);
-    return fd;
+    clearO_NONBLOCK(fd.get());
+    if (old != -1 && dup2(fd.get(), old) == old) return old;
+    return fd.release();
 }
 
 bool CQVIPCLibraryImpl::makeClientReadEnds() {
@@ -133,8 +114,15 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
     // comes and goes there (poll()'s hang-up) can only be a server that died before replying.
     // A FIFO that cannot be renewed is used as it is.
     if (unlink(rspPath.c_str()) == 0) (void)makeFifo(rspPath);
-    int fd = replaceClientReadEnd(rspPath, &m_fdsRecvResponse[REQUEST_PIPE]);
+    int old = loadFd(&m_fdsRecvResponse[REQUEST_PIPE]);
+    int fd = reopenClientReadEnd(rspPath, old);
     if (fd == -1) return false;
+    if (fd != old) {
+        // The old number could not be taken over: it is closed, the new one stored.
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        storeFd(m_fdsRecvResponse[REQUEST_PIPE], fd);
+    }
     // What the old read end delivered says nothing about the new one: a first read that finds
     // no writer yet is no disconnect.
     m_responsePipeSeen[REQUEST_PIPE] = 0;
@@ -142,8 +130,14 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvRequest %s", reqPath.c_str());
-    fd = replaceClientReadEnd(reqPath, &m_fdsRecvRequest[REQUEST_PIPE]);
+    old = loadFd(&m_fdsRecvRequest[REQUEST_PIPE]);
+    fd = reopenClientReadEnd(reqPath, old);
     if (fd == -1) return false;
+    if (fd != old) {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+        storeFd(m_fdsRecvRequest[REQUEST_PIPE], fd);
+    }
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvRequest[REQUEST_PIPE] %d", fd);
     return true;
 }
@@ -153,20 +147,37 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
 // reading the request read end, so both stay, to be replaced by the next attempt or closed by
 // finalize. The response reader never reads while the client is not connected.
 void CQVIPCLibraryImpl::releaseClientReadEnds() {
-    const int request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
-    if (request != -1 && m_inReceiveRequest.load() != 0) {
-        storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
-        return;
+    int request;
+    int response;
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        // Taken before the flag is looked at: a reader raises the flag before it loads the
+        // descriptor, so one of the two sees the other.
+        request = takeFd(m_fdsRecvRequest[REQUEST_PIPE]);
+        if (request != -1 && m_inReceiveRequest.load() != 0) {
+            storeFd(m_fdsRecvRequest[REQUEST_PIPE], request);
+            return;
+        }
+        response = takeFd(m_fdsRecvResponse[REQUEST_PIPE]);
     }
-    if (request != -1) close(request);
-    closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
+    closeFd(request);
+    closeFd(response);
 }
 
-// Up to 20 tries, 1 second apart. Always opened non-blocking, then made blocking when there is
-// no send time-out: a plain blocking open would wait for ever for a server that died after its
-// reply. Returns the descriptor, or -1 with *pResult set.
-int CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool requestFifo,
-                                          QVRESULT* pResult) {
+// Slot 1's write ends leave the entries, and are closed once no sender is still using them;
+// its peer words are cleared.
+void CQVIPCLibraryImpl::dropClientWriteEnds() {
+    closeWriteEnd(takeEntry(&m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
+    closeWriteEnd(takeEntry(&m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
+    CCritSecLock lock(m_pCritSec, __LINE__);
+    storeWord(m_slotConnectId[REQUEST_PIPE], 0);
+    storeWord(m_slotPid[REQUEST_PIPE], 0);
+}
+
+// Opens one of slot 1's write ends and stores it in its entry: up to 20 tries, 1 second apart.
+// Always opened non-blocking, then made blocking when there is no send time-out: a plain
+// blocking open would wait for ever for a server that died after its reply.
+QVRESULT CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool requestFifo) {
     for (int tries = 1;; ++tries) {
         if (requestFifo) {
             qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendRequest %s",
@@ -175,58 +186,63 @@ int CQVIPCLibraryImpl::openClientWriteEnd(const std::string& path, bool requestF
             qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening m_fdsSendResponse %s",
                     path.c_str());
         }
-        const int fd = openFifo(path, O_WRONLY | O_NONBLOCK);
-        if (fd != -1) {
-            if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd);
-            return fd;
+        CFdGuard fd(openFifo(path, O_WRONLY | O_NONBLOCK));
+        if (fd.get() != -1) {
+            if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(fd.get());
+            const int stored = fd.get();
+            {
+                CCritSecLock lock(m_pCritSec, __LINE__);
+                storeFd(
+                    requestFifo ? m_fdsSendRequest[REQUEST_PIPE] : m_fdsSendResponse[REQUEST_PIPE],
+                    fd.release());
+            }
+            if (requestFifo) {
+                qvTrace(
+                    "CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendRequest[REQUEST_PIPE] "
+                    "%d",
+                    stored);
+            } else {
+                qvTrace(
+                    "CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendResponse[REQUEST_PIPE] "
+                    "%d",
+                    stored);
+            }
+            return S_OK;
         }
-        if (m_shutdown.load() != 0) {
-            *pResult = QVIPC_E_SHUTDOWN;
-            return -1;
-        }
-        if (tries >= OPEN_WRITE_END_TRIES) {
-            *pResult = QVIPC_E_OPEN_TIMEOUT;
-            return -1;
-        }
-        if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) {
-            *pResult = QVIPC_E_SHUTDOWN;
-            return -1;
-        }
+        if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
+        if (tries >= OPEN_WRITE_END_TRIES) return QVIPC_E_OPEN_TIMEOUT;
+        if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
     }
 }
 
-QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
+QVRESULT CQVIPCLibraryImpl::connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefused) {
     const unsigned addr = traceAddr(this);
     const uint32_t ownPid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
 
     const std::string adminPath = pipenameServerAdmin();
     for (;;) {
         qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opening fdSendAdmin %s", adminPath.c_str());
-        *pFdSendAdmin = openFifo(adminPath, O_WRONLY | O_NONBLOCK);
-        if (*pFdSendAdmin != -1) break;
-        traceAtErrorPriority(adminPath.c_str(), errno);
+        pFdSendAdmin->reset(openFifo(adminPath, O_WRONLY | O_NONBLOCK));
+        if (pFdSendAdmin->get() != -1) break;
+        qvTraceError(
+            "(Error) CQVIPCLibraryImpl::connectThreadFunc, can't open fdSendAdmin %s, errno %d",
+            adminPath.c_str(), errno);
         if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return QVIPC_E_SHUTDOWN;
     }
 
-    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(*pFdSendAdmin);
+    if (m_sendTimeout == QVIPC_NO_TIMEOUT) clearO_NONBLOCK(pFdSendAdmin->get());
     storeWord(m_connectResult[REQUEST_PIPE], 0);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending connect request");
     RequestFrame record;
-    RequestHeader h;
-    h.type = QVIPC_REQUEST_CONNECT;
-    h.connectId = static_cast<uint32_t>(m_connectId);
-    h.pid = ownPid;
-    buildRequest(record, h, nullptr, 0);
-    if (m_pPipeIO->write(*pFdSendAdmin, record, static_cast<int>(sizeof record), QVIPC_NO_TIMEOUT) <
-        0) {
+    buildAdminRecord(record, QVIPC_REQUEST_CONNECT, static_cast<uint32_t>(m_connectId), ownPid, 0);
+    if (writeRecord(*m_pPipeIO, pFdSendAdmin->get(), record) < 0) {
         qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc (0x%08X), write failed %d", addr,
                    errno);
-        close(*pFdSendAdmin);
-        *pFdSendAdmin = -1;
+        pFdSendAdmin->reset();
         return QVIPC_E_WRITE;
     }
 
-    m_fdConnectAdmin = *pFdSendAdmin;
+    m_fdConnectAdmin = pFdSendAdmin->get();
     m_waitingConnectReply.store(1);
     unsigned long requestId = 0;
     char* body = nullptr;
@@ -236,7 +252,7 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     m_waitingConnectReply.store(0);
     m_fdConnectAdmin = -1;
     if (hr == S_OK) {
-        hr = static_cast<QVRESULT>(loadWord(m_connectResult[REQUEST_PIPE]));
+        hr = static_cast<QVRESULT>(loadWord(&m_connectResult[REQUEST_PIPE]));
         *pRefused = hr != S_OK;
     }
     if (hr == QVIPC_E_TOO_MANY_CLIENTS) {
@@ -246,123 +262,59 @@ QVRESULT CQVIPCLibraryImpl::connectAttempt(int* pFdSendAdmin, bool* pRefused) {
     }
     if (hr != S_OK) return hr;
 
-    int fd = openClientWriteEnd(pipenameServerRequest(m_strConnectId, m_strPid), true, &hr);
-    if (fd == -1) return hr;
-    storeFd(m_fdsSendRequest[REQUEST_PIPE], fd);
-    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendRequest[REQUEST_PIPE] %d", fd);
-    fd = openClientWriteEnd(pipenameClientResponse(m_strConnectId, m_strPid), false, &hr);
-    if (fd == -1) return hr;
-    storeFd(m_fdsSendResponse[REQUEST_PIPE], fd);
-    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsSendResponse[REQUEST_PIPE] %d", fd);
+    hr = openClientWriteEnd(pipenameServerRequest(m_strConnectId, m_strPid), true);
+    if (hr == S_OK)
+        hr = openClientWriteEnd(pipenameClientResponse(m_strConnectId, m_strPid), false);
+    if (hr != S_OK) return hr;
 
-    close(*pFdSendAdmin);
-    *pFdSendAdmin = -1;
+    pFdSendAdmin->reset();
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        __atomic_store_n(&m_maxRequestSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
+        storeInt(m_maxRequestSlot, REQUEST_PIPE);
+        storeWord(m_slotConnectId[REQUEST_PIPE], m_connectId);
+        storeWord(m_slotPid[REQUEST_PIPE], ownPid);
     }
-    storeWord(m_slotConnectId[REQUEST_PIPE], m_connectId);
-    storeWord(m_slotPid[REQUEST_PIPE], ownPid);
     return S_OK;
 }
 
-void CQVIPCLibraryImpl::failedConnectAttempt(int* pFdSendAdmin) {
-    if (*pFdSendAdmin != -1) {
+void CQVIPCLibraryImpl::failedConnectAttempt(CFdGuard* pFdSendAdmin) {
+    if (pFdSendAdmin->get() != -1) {
         qvTrace("CQVIPCLibraryImpl::connectThreadFunc, sending disconnect request");
         RequestFrame record;
-        RequestHeader h;
-        h.type = QVIPC_REQUEST_DISCONNECT;
-        h.connectId = static_cast<uint32_t>(m_connectId);
-        h.pid = static_cast<uint32_t>(CPortable::GetCurrentProcessId());
-        h.requestType = 1;
-        buildRequest(record, h, nullptr, 0);
-        if (m_pPipeIO->write(*pFdSendAdmin, record, static_cast<int>(sizeof record),
-                             QVIPC_NO_TIMEOUT) < 0) {
+        buildAdminRecord(record, QVIPC_REQUEST_DISCONNECT, static_cast<uint32_t>(m_connectId),
+                         static_cast<uint32_t>(CPortable::GetCurrentProcessId()), 1);
+        if (writeRecord(*m_pPipeIO, pFdSendAdmin->get(), record) < 0) {
             qvLogError("(Error) CQVIPCLibraryImpl::connectThreadFunc.1, write failed %d", errno);
         }
-        close(*pFdSendAdmin);
-        *pFdSendAdmin = -1;
+        pFdSendAdmin->reset();
     }
     // The read ends stay until the next attempt replaces them, or until finalize: a receive
     // thread may be reading them, and only these two points are known to be safe.
-    closeWriteEnd(takeFd(m_fdsSendRequest[REQUEST_PIPE]), REQUEST_PIPE);
-    closeWriteEnd(takeFd(m_fdsSendResponse[REQUEST_PIPE]), REQUEST_PIPE);
-    storeWord(m_slotConnectId[REQUEST_PIPE], 0);
-    storeWord(m_slotPid[REQUEST_PIPE], 0);
+    dropClientWriteEnds();
 }
 
 void CQVIPCLibraryImpl::publishConnection() {
+    int recvRsp;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        if (loadInt(m_maxResponseSlot) < REQUEST_PIPE) {
-            __atomic_store_n(&m_maxResponseSlot, REQUEST_PIPE, __ATOMIC_SEQ_CST);
-        }
-        const int fd = loadFd(m_fdsRecvResponse[REQUEST_PIPE]);
+        if (loadInt(&m_maxResponseSlot) < REQUEST_PIPE) storeInt(m_maxResponseSlot, REQUEST_PIPE);
+        recvRsp = loadFd(&m_fdsRecvResponse[REQUEST_PIPE]);
         // A client never selects on its set; a descriptor beyond FD_SETSIZE stays out of it.
-        if (fd < FD_SETSIZE) {
-            if (fd > m_fdmaxRecvResponse) m_fdmaxRecvResponse = fd;
-            FD_SET(fd, &m_fdsetRecvResponse);
+        if (recvRsp < FD_SETSIZE) {
+            if (recvRsp > m_fdmaxRecvResponse) m_fdmaxRecvResponse = recvRsp;
+            FD_SET(recvRsp, &m_fdsetRecvResponse);
         }
     }
-    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvResponse[REQUEST_PIPE] %d",
-            loadFd(m_fdsRecvResponse[REQUEST_PIPE]));
+    qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvResponse[REQUEST_PIPE] %d", recvRsp);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendRequest[REQUEST_PIPE] %d",
-            loadFd(m_fdsSendRequest[REQUEST_PIPE]));
+            loadFd(&m_fdsSendRequest[REQUEST_PIPE]));
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsRecvRequest[REQUEST_PIPE] %d",
-            loadFd(m_fdsRecvRequest[REQUEST_PIPE]));
+            loadFd(&m_fdsRecvRequest[REQUEST_PIPE]));
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, m_fdsSendResponse[REQUEST_PIPE] %d",
-            loadFd(m_fdsSendResponse[REQUEST_PIPE]));
+            loadFd(&m_fdsSendResponse[REQUEST_PIPE]));
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
         m_lastConnectAttempt[REQUEST_PIPE] = 0;
     }
     m_connected.store(1);
-}
-
-void CQVIPCLibraryImpl::enableClientReconnect(unsigned long id) {
-    qvTrace("CQVIPCLibraryImpl::enableClientReconnect (0x%08X) - id %d, issvr %d", traceAddr(this),
-            static_cast<int>(id), m_isServer);
-    if (id >= static_cast<unsigned long>(QVIPC_MAX_SLOTS)) return;
-    {
-        CCritSecLock lock(m_pCritSec, __LINE__);
-        const unsigned long long now = CPortable::GetTickCountULL();
-        if (now - m_lastConnectAttempt[id] <= RECONNECT_THROTTLE_MS) {
-            qvTrace(
-                "CQVIPCLibraryImpl::enableClientReconnect - too soon since previous connect "
-                "attempt.  id %d",
-                static_cast<int>(id));
-            return;
-        }
-        m_lastConnectAttempt[id] = now;
-    }
-    if (m_connectThreadRunning.load() != 0) {
-        qvTrace("CQVIPCLibraryImpl::enableClientReconnect - connect thread running.  id %d",
-                static_cast<int>(id));
-        return;
-    }
-
-    m_connected.store(m_isServer);
-    // The pause ends early when the endpoint stops, so finalize does not wait for it.
-    if (!sleepUnlessShutdown(CONNECT_RETRY_MS)) return;
-
-    if (m_isServer == 0) {
-        m_connected.store(0);
-        serverConnect();
-        return;
-    }
-
-    // Server: the client of this slot vanished without a DISCONNECT, or the reconnect command
-    // drops it, on the caller's thread. The slot's descriptors leave both sets before they are
-    // closed; the request receiver, which may be admitting a client meanwhile, meets the slot
-    // either whole or free.
-    closeServerSlot(id, false);
-    RequestFrame internal;
-    RequestHeader h;
-    h.type = QVIPC_REQUEST_INTERNAL;
-    buildRequest(internal, h, nullptr, 0);
-    const int adminFd = loadFd(m_fdsSendRequest[0]);
-    if (adminFd != -1) {
-        m_pPipeIO->write(adminFd, internal, static_cast<int>(sizeof internal), QVIPC_NO_TIMEOUT);
-    }
-    wakeResponseReceiver();
 }

@@ -3,14 +3,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
 #include "json/JSONSerialize.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
-
-using qvframe::loadWord;
 
 namespace {
 
@@ -24,7 +22,7 @@ long signed32(unsigned long value) {
 void writePipe(JSON::Serialize& w, const char* nameKey, const std::string& path,
                const char* handleKey, const int& fdEntry) {
     w.N(nameKey).V(path.c_str());
-    const int fd = qvframe::loadFd(fdEntry);
+    const int fd = loadFd(&fdEntry);
     if (fd != -1) w.N(handleKey).V(fd);
 }
 
@@ -46,19 +44,19 @@ JSON::Serialize& CQVIPCLibraryImpl::dumpToJSONBuffer(JSON::Serialize& w) {
     w.N("max-connections").V(signed32(m_maxConnections));
     w.N("header-ext-size").V(signed32(m_headerExtSize));
     w.N("connect-id").V(signed32(m_connectId));
-    w.N("next-request-id").V(signed32(loadWord(m_nextRequestId)));
+    w.N("next-request-id").V(signed32(loadWord(&m_nextRequestId)));
     w.N("connection-array").AO();
     const unsigned long slots = slotLimit(m_maxConnections);
     for (unsigned long s = 0; s < slots; ++s) {
-        const unsigned long pid = loadWord(m_slotPid[s]);
+        const unsigned long pid = loadWord(&m_slotPid[s]);
         if (pid == 0) continue;
         // The texts that name the slot's FIFOs everywhere else: signed 32-bit decimals.
         char c[34];
         char p[34];
-        CPortable::itoa(static_cast<int>(loadWord(m_slotConnectId[s])), c, 10);
+        CPortable::itoa(static_cast<int>(loadWord(&m_slotConnectId[s])), c, 10);
         CPortable::itoa(static_cast<int>(pid), p, 10);
         w.OO();
-        w.N("pid").V(signed32(m_isServer != 0 ? pid : loadWord(m_serverPid)));
+        w.N("pid").V(signed32(m_isServer != 0 ? pid : loadWord(&m_serverPid)));
         writePipe(w, "pipe-name-recv-req", pipenameServerRequest(c, p), "pipe-handle-recv-req",
                   m_fdsRecvRequest[s]);
         writePipe(w, "pipe-name-send-rsp", pipenameServerResponse(c, p), "pipe-handle-send-rsp",
@@ -81,7 +79,7 @@ void CQVIPCLibraryImpl::dump(const std::string& command) {
     std::vector<unsigned long> live;
     const unsigned long slots = slotLimit(m_maxConnections);
     for (unsigned long s = 1; s < slots; ++s) {
-        if (qvframe::loadFd(m_fdsRecvResponse[s]) != -1) live.push_back(s);
+        if (loadFd(&m_fdsRecvResponse[s]) != -1) live.push_back(s);
     }
     for (unsigned long s : live) {
         qvLogNotice("--dumpIPC, calling enableClientReconnect(%d)", static_cast<int>(s));

@@ -1,6 +1,7 @@
-// Construction of the endpoint. Nothing is made in the file system and no descriptor is opened
-// here; that waits for initialize(). The SIGPIPE set-up lives in this translation unit so that
-// it runs during the library's static initialisation, before any endpoint exists.
+// The endpoint itself: its construction, and the two waits every path shares. Nothing is made in
+// the file system and no descriptor is opened here; that waits for initialize(). The SIGPIPE
+// set-up lives in this translation unit so that it runs during the library's static
+// initialisation, before any endpoint exists.
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 
 #include <cstdint>
@@ -79,8 +80,7 @@ CQVIPCLibraryImpl::CQVIPCLibraryImpl(const std::string& title, const std::string
 
     CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 40000);
     qvTrace("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x%08X), guid %s, isServer %d, sto %d",
-            static_cast<unsigned>(reinterpret_cast<uintptr_t>(this)), guid.c_str(), isServer,
-            static_cast<int>(sto));
+            traceAddr(this), guid.c_str(), isServer, static_cast<int>(sto));
 
     // A constructor that throws gets no destructor: what it made so far is released here, so
     // that the trace utility's reference count and the descriptors stay balanced.
@@ -133,4 +133,21 @@ CQVIPCLibraryImpl::CQVIPCLibraryImpl(const std::string& title, const std::string
         DestroyCTraceUtility(&g_ptu);
         throw;
     }
+}
+
+QVRESULT CQVIPCLibraryImpl::waitInitialized() {
+    while (m_initialized.load() == 0) {
+        if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
+        CPortable::Sleep(POLL_INTERVAL_MS);
+    }
+    return S_OK;
+}
+
+bool CQVIPCLibraryImpl::sleepUnlessShutdown(unsigned long ms) {
+    constexpr unsigned long SLICE_MS = 100;
+    for (unsigned long slept = 0; slept < ms; slept += SLICE_MS) {
+        if (m_shutdown.load() != 0) return false;
+        CPortable::Sleep(ms - slept < SLICE_MS ? ms - slept : SLICE_MS);
+    }
+    return m_shutdown.load() == 0;
 }

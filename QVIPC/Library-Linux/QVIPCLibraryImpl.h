@@ -1,8 +1,7 @@
-// CQVIPCLibraryImpl: all state of one endpoint. The members keep their designed names, types and
-// order; the flags that threads share are std::atomic<int>. m_pCritSec guards both descriptor
-// sets, their maxima, both highest-slot values and the reconnect throttle. The methods are
-// spread over several files of this folder, one per concern (start-up, shutdown, admin, request
-// path, response path, connect thread, reconnect, dump).
+// CQVIPCLibraryImpl: all state of one endpoint, and what m_pCritSec guards (GUARDED_BY below).
+// The members keep their designed names, types and order; the flags that threads share are
+// std::atomic<int>. The methods are spread over this folder, one file per concern: start-up,
+// shutdown, request path, response path, admin handling, connect thread, reconnect, dump.
 #ifndef QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_
 #define QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_
 
@@ -17,10 +16,11 @@
 
 #include "QVIPC/Library-Linux/QVIPCDefs.h"
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
+#include "platform/PCritSec.h"
 
 class CPIPEIOBase;
 class CIDGen;
-class CPCritSec;
+class CFdGuard;
 namespace JSON {
 class Serialize;
 }
@@ -87,53 +87,70 @@ public:
     // ---- Helpers of the transport (not part of the designed interface). ----
     // Waits until initialize() has run; QVIPC_E_SHUTDOWN when finalize() comes first.
     QVRESULT waitInitialized();
-    // Copies a master set and its highest descriptor under m_pCritSec into *pReady and
-    // selects on the copy without a time-out; returns select()'s result, *pErr its errno.
-    int selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady, int* pErr);
+    // Sleeps ms in short slices; false when m_shutdown was set meanwhile.
+    bool sleepUnlessShutdown(unsigned long ms);
+
+    // The server's select() cycle of one side (requests, or responses): the next slot whose
+    // read end is ready, a new select() on a copy of the master set when the cycle is used up
+    // (a failed select() is logged and made again). Returns the slot, or -1 when m_shutdown
+    // ends the wait.
+    int nextServerSlot(bool requestSide);
+    // Copies one side's master set and highest descriptor under m_pCritSec into its ready set
+    // and selects on the copy without a time-out; returns select()'s result, *pErr its errno.
+    int selectOnCopy(bool requestSide, int* pErr);
     // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
     // ready and still readable, and returns it; -1 when the cycle is used up, the cursor
     // then being 0 so that the caller selects again. fresh: select() has just returned on this
     // thread with nothing done since, so its first ready slot is taken as it stands.
     static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
                              int maxSlot, bool fresh);
+    // Whether the calling thread is the one inside this server's receiveRequest.
+    bool onRequestReceiver() const;
+
     // Server admin handling of one CONNECT or DISCONNECT record.
     QVRESULT adminConnect(uint32_t requestId, uint32_t connectId, uint32_t pid,
                           unsigned long* pSlot);
     QVRESULT adminDisconnect(uint32_t connectId, uint32_t pid);
     // The slot that m_connectIdMap gives a connect id; false when it has none.
     bool slotOfConnectId(uint32_t connectId, unsigned long* pSlot);
+
     // Frees a server slot, on any thread: under m_pCritSec its four descriptors leave the
     // arrays and both descriptor sets, its entry leaves m_connectIdMap and, with forgetPeer,
     // its peer's connect id and pid are cleared; the descriptors are closed afterwards. A read
     // end that a receiver inside its call may still use is left to that receiver
     // (m_fdsDeferredCloseRequest, m_fdsDeferredCloseResponse).
     void closeServerSlot(unsigned long slot, bool forgetPeer);
-    // Whether the calling thread is the one inside this server's receiveRequest.
-    bool onRequestReceiver() const;
-    // Rebuild a master set from the open read descriptors of slots 0..highest slot.
-    // Caller holds m_pCritSec.
-    void rebuildRequestSet();
-    void rebuildResponseSet();
+    // Closes a write end taken out of its slot entry once no sender is still using it.
+    void closeWriteEnd(int fd, unsigned long slot);
+    // Rebuilds a master set and its highest descriptor from the open read ends in fds of the
+    // slots 0 to maxSlot. Called with m_pCritSec held, on the members it guards.
+    static void rebuildSet(fd_set& set, int& fdmax, const int* fds, int maxSlot);
     // Closes what one of the deferred lists holds. Called by the receiver the list belongs to,
     // after its select(), or by finalize.
-    void closeDeferredFds(std::vector<int>& fds);
+    void closeDeferredFds(std::vector<int>* pList);
     // Writes the 68-byte all-zero record that makes the response receiver take a fresh set.
     void wakeResponseReceiver();
+    // Take the descriptor out of a slot entry under m_pCritSec, leaving -1; the first hands it
+    // to the caller, the second closes it. (A pointer: the entry is GUARDED_BY, and the lock is
+    // taken inside.)
+    int takeEntry(int* pEntry);
+    void closeEntry(int* pEntry);
+
     // Client connect thread steps: make the read ends, one connect attempt, its clean-up,
     // publishing the connection.
     bool makeClientReadEnds();
-    int replaceClientReadEnd(const std::string& path, int* pEntry);
+    int reopenClientReadEnd(const std::string& path, int old);
     void releaseClientReadEnds();
-    // Closes a write end taken out of its slot entry once no sender is still using it.
-    void closeWriteEnd(int fd, unsigned long slot);
-    int openClientWriteEnd(const std::string& path, bool requestFifo, QVRESULT* pResult);
-    QVRESULT connectAttempt(int* pFdSendAdmin, bool* pRefused);
-    void failedConnectAttempt(int* pFdSendAdmin);
+    void dropClientWriteEnds();
+    QVRESULT openClientWriteEnd(const std::string& path, bool requestFifo);
+    QVRESULT connectAttempt(CFdGuard* pFdSendAdmin, bool* pRefused);
+    void failedConnectAttempt(CFdGuard* pFdSendAdmin);
     void publishConnection();
-    // Sleeps ms in short slices; false when m_shutdown was set meanwhile.
-    bool sleepUnlessShutdown(unsigned long ms);
 
     // ---- Members, in their designed order. ----
+    // GUARDED_BY(m_pCritSec): written only while it is held, which a clang -Wthread-safety
+    // build checks. The slot tables and highest-slot values are also read without it, by
+    // design, through the atomic loads of SlotWords.h. Who writes what: docs/threads.md.
     CPIPEIOBase* m_pPipeIO;
     std::string m_strTitle;
     std::string m_strGuid;
@@ -141,7 +158,7 @@ public:
     unsigned long m_maxConnections;
     unsigned long m_headerExtSize;
     unsigned long m_sendTimeout;
-    unsigned long m_nextRequestId;
+    unsigned long m_nextRequestId;  // any sender draws from it: fetchIncrement
     CIDGen* m_pIDGen;
     unsigned long m_connectId;
     std::string m_strConnectId;
@@ -151,46 +168,46 @@ public:
     std::atomic<int> m_connected;
     std::atomic<int> m_shutdown;
     std::atomic<int> m_inReceiveResponse;
-    fd_set m_fdsetRecvResponse;  // guarded by m_pCritSec
-    int m_fdmaxRecvResponse;     // guarded by m_pCritSec
-    int m_fdsSendRequest[QVIPC_MAX_SLOTS];
-    int m_fdsRecvResponse[QVIPC_MAX_SLOTS];
-    int m_responsePipeSeen[QVIPC_MAX_SLOTS];
-    fd_set m_fdsetRecvResponseReady;
-    int m_maxResponseSlot;  // guarded by m_pCritSec
+    fd_set m_fdsetRecvResponse GUARDED_BY(m_pCritSec);
+    int m_fdmaxRecvResponse GUARDED_BY(m_pCritSec);
+    int m_fdsSendRequest[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    int m_fdsRecvResponse[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    int m_responsePipeSeen[QVIPC_MAX_SLOTS];  // the response reader's own
+    fd_set m_fdsetRecvResponseReady;          // the response receiver's own, as the two below
+    int m_maxResponseSlot GUARDED_BY(m_pCritSec);
     int m_readyResponseCount;
     int m_nextResponseSlot;
-    int m_adminResponsePipe[2];
+    int m_adminResponsePipe[2];  // start-up makes it, finalize closes it
     std::atomic<int> m_waitingConnectReply;
-    unsigned long m_connectResult[QVIPC_MAX_SLOTS];
+    unsigned long m_connectResult[QVIPC_MAX_SLOTS];  // loadWord / storeWord
     std::atomic<int> m_inReceiveRequest;
-    fd_set m_fdsetRecvRequest;  // guarded by m_pCritSec
-    int m_fdmaxRecvRequest;     // guarded by m_pCritSec
-    int m_fdsRecvRequest[QVIPC_MAX_SLOTS];
-    int m_fdsSendResponse[QVIPC_MAX_SLOTS];
-    int m_requestPipeSeen[QVIPC_MAX_SLOTS];
-    fd_set m_fdsetRecvRequestReady;
-    int m_maxRequestSlot;  // guarded by m_pCritSec
+    fd_set m_fdsetRecvRequest GUARDED_BY(m_pCritSec);
+    int m_fdmaxRecvRequest GUARDED_BY(m_pCritSec);
+    int m_fdsRecvRequest[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    int m_fdsSendResponse[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    int m_requestPipeSeen[QVIPC_MAX_SLOTS];  // the request reader's own
+    fd_set m_fdsetRecvRequestReady;          // the request receiver's own, as the two below
+    int m_maxRequestSlot GUARDED_BY(m_pCritSec);
     int m_readyRequestCount;
     int m_nextRequestSlot;
-    std::map<unsigned long, unsigned long> m_connectIdMap;
-    uint64_t m_lastConnectAttempt[QVIPC_MAX_SLOTS];  // guarded by m_pCritSec
-    unsigned long m_slotConnectId[QVIPC_MAX_SLOTS];
-    unsigned long m_slotPid[QVIPC_MAX_SLOTS];
+    std::map<unsigned long, unsigned long> m_connectIdMap GUARDED_BY(m_pCritSec);
+    uint64_t m_lastConnectAttempt[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    unsigned long m_slotConnectId[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    unsigned long m_slotPid[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
     std::atomic<int> m_connectThreadRunning;
-    unsigned long m_serverPid;
+    unsigned long m_serverPid;  // loadWord / storeWord
 
     // Server: read ends of freed slots that a receiver may still be using: the response
     // receiver's, and the request receiver's when another thread freed the slot. Each receiver
     // closes its own after its next select() (finalize closes what is left), so no thread
-    // closes a descriptor another thread is reading. Guarded by m_pCritSec.
-    std::vector<int> m_fdsDeferredCloseRequest;
-    std::vector<int> m_fdsDeferredCloseResponse;
+    // closes a descriptor another thread is reading.
+    std::vector<int> m_fdsDeferredCloseRequest GUARDED_BY(m_pCritSec);
+    std::vector<int> m_fdsDeferredCloseResponse GUARDED_BY(m_pCritSec);
     // Per slot, the senders (sendRequest, sendResponse) between loading a write descriptor and
     // the end of their write. A thread that closes a slot's write ends takes them out of the
     // arrays first and waits for this count to drop, so a sender never writes into a
     // descriptor number that was closed and reused meanwhile (a request into the wrong FIFO).
-    int m_sendsInFlight[QVIPC_MAX_SLOTS];
+    int m_sendsInFlight[QVIPC_MAX_SLOTS];  // CSendGuard, loadInt
     // Client: the connect thread's write end on the admin FIFO while it waits for the connect
     // reply, else -1. The reply wait watches it: once no process reads the admin FIFO, the
     // server that took the CONNECT is gone and no reply will come. Connect thread only.

@@ -1,16 +1,19 @@
 // The request path: sending a request (one gather write of header and body) and receiving one,
 // on the server through a select() loop over the admin FIFO and every client's request FIFO,
-// on a client by a blocking read of its own request FIFO. One thread per endpoint receives
-// requests: the cycle members (ready set, count, cursor) are its own and take no lock.
+// on a client by a blocking read of its own request FIFO. Also the server's select() cycle,
+// which the response receiver shares. One thread per endpoint receives requests: the cycle
+// members (ready set, count, cursor) are its own and take no lock.
 #include <sys/select.h>
 #include <sys/time.h>
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
@@ -27,28 +30,62 @@ thread_local const CQVIPCLibraryImpl* t_requestReceiverOf = nullptr;
 
 bool CQVIPCLibraryImpl::onRequestReceiver() const { return t_requestReceiverOf == this; }
 
-QVRESULT CQVIPCLibraryImpl::waitInitialized() {
-    while (m_initialized.load() == 0) {
-        if (m_shutdown.load() != 0) return QVIPC_E_SHUTDOWN;
-        CPortable::Sleep(POLL_INTERVAL_MS);
-    }
-    return S_OK;
-}
-
-int CQVIPCLibraryImpl::selectOnCopy(const fd_set& master, const int& fdmax, fd_set* pReady,
-                                    int* pErr) {
+int CQVIPCLibraryImpl::selectOnCopy(bool requestSide, int* pErr) {
+    fd_set* const ready = requestSide ? &m_fdsetRecvRequestReady : &m_fdsetRecvResponseReady;
     int count;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        *pReady = master;
-        count = fdmax + 1;
+        *ready = requestSide ? m_fdsetRecvRequest : m_fdsetRecvResponse;
+        count = (requestSide ? m_fdmaxRecvRequest : m_fdmaxRecvResponse) + 1;
     }
     timeval tv;
     tv.tv_sec = SELECT_TIMEOUT_SEC;
     tv.tv_usec = 0;
-    const int n = select(count, pReady, nullptr, nullptr, &tv);
+    const int n = select(count, ready, nullptr, nullptr, &tv);
     *pErr = errno;
     return n;
+}
+
+int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
+    int* const cursor = requestSide ? &m_nextRequestSlot : &m_nextResponseSlot;
+    int* const readyCount = requestSide ? &m_readyRequestCount : &m_readyResponseCount;
+    bool fresh = false;
+    for (;;) {
+        if (*cursor == 0) {
+            int err = 0;
+            *readyCount = selectOnCopy(requestSide, &err);
+            // Read ends of slots freed while this receiver might use them are closed now: the
+            // scan below looks at descriptors only through the slot entries.
+            closeDeferredFds(requestSide ? &m_fdsDeferredCloseRequest
+                                         : &m_fdsDeferredCloseResponse);
+            // Only the request receiver's first ready slot needs no second look (see
+            // nextReadySlot): only that thread stores new descriptors in the request table.
+            fresh = requestSide;
+            if (m_shutdown.load() != 0) return -1;
+            if (*readyCount < 0) {
+                if (requestSide) {
+                    qvLogError(
+                        "(Error) CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), select "
+                        "failed %d",
+                        traceAddr(this), err);
+                } else {
+                    qvLogError(
+                        "(Error) CQVIPCLibraryImpl::receiveResponseServer (0x%08X), select failed "
+                        "%d",
+                        traceAddr(this), err);
+                }
+                continue;
+            }
+            if (*readyCount == 0) continue;
+        }
+        const int slot = requestSide
+                             ? nextReadySlot(cursor, readyCount, m_fdsetRecvRequestReady,
+                                             m_fdsRecvRequest, loadInt(&m_maxRequestSlot), fresh)
+                             : nextReadySlot(cursor, readyCount, m_fdsetRecvResponseReady,
+                                             m_fdsRecvResponse, loadInt(&m_maxResponseSlot), fresh);
+        if (slot >= 0) return slot;
+        fresh = false;
+    }
 }
 
 int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready,
@@ -56,15 +93,17 @@ int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_se
     while (*pCursor != 0 || *pReadyCount > 0) {
         if (*pCursor > maxSlot) break;
         const int slot = (*pCursor)++;
-        const int fd = loadFd(fds[slot]);
+        const int fd = loadFd(&fds[slot]);
         if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &ready)) continue;
         const bool cycleOver = --*pReadyCount <= 0;
         if (cycleOver) *pCursor = 0;
-        // Later slots of a cycle are checked again: calls, connects and clean-ups in between
-        // may have closed their descriptors and reused the numbers. The request loop's first
-        // one, straight out of select(), needs no second look (one system call less per
-        // message): only that thread's own connect handling stores new descriptors in the
-        // request table, and it has not run since.
+        // A select() cycle serves its ready set over several calls, and calls, connects and
+        // clean-ups in between may have closed later slots' descriptors and reused the numbers
+        // for FIFOs with nothing to read: a blocking read() there would hold the loop, shutdown
+        // included. So later slots are checked again. The request loop's first one, straight
+        // out of select(), needs no second look (one system call less per message): only that
+        // thread's own connect handling stores new descriptors in the request table, and it
+        // has not run since.
         if (fresh || isReadable(fd)) return slot;
         fresh = false;
         if (cycleOver) return -1;
@@ -95,7 +134,7 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
     }
     // Counted before the descriptor is loaded: whoever closes the slot waits for the write.
     CSendGuard sending(m_sendsInFlight[slot]);
-    if (hr == S_OK) fd = loadFd(m_fdsSendRequest[slot]);
+    if (hr == S_OK) fd = loadFd(&m_fdsSendRequest[slot]);
     if (hr == S_OK && fd == -1) {
         qvLogError("(Error) CQVIPCLibraryImpl::sendRequest (0x%08X) failed, ipcid %d, hr 0x%08X",
                    addr, static_cast<int>(ipcid), QVIPC_E_NO_PIPE);
@@ -104,7 +143,7 @@ QVRESULT CQVIPCLibraryImpl::sendRequest(unsigned long ipcid, const char* buf, un
     if (hr == S_OK) {
         // The id is used up before the write, so a failed write still consumes it.
         // Any thread may send: the id is drawn atomically so two senders never share one.
-        const unsigned long requestId = __atomic_fetch_add(&m_nextRequestId, 1ul, __ATOMIC_SEQ_CST);
+        const unsigned long requestId = fetchIncrement(m_nextRequestId);
         if (pRequestId != nullptr) *pRequestId = requestId;
 
         RequestFrame header;
@@ -150,33 +189,12 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
     while (!done) {
-        bool fresh = false;
-        if (m_nextRequestSlot == 0) {
-            int err = 0;
-            m_readyRequestCount = selectOnCopy(m_fdsetRecvRequest, m_fdmaxRecvRequest,
-                                               &m_fdsetRecvRequestReady, &err);
-            // Read ends of slots that another thread freed while this one might use them are
-            // closed now: the scan below looks at descriptors only through the slot entries.
-            closeDeferredFds(m_fdsDeferredCloseRequest);
-            fresh = true;
-            if (m_shutdown.load() != 0) {
-                hr = QVIPC_E_SHUTDOWN;
-                break;
-            }
-            if (m_readyRequestCount < 0) {
-                qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveRequestPrimaryServer (0x%08X), select "
-                    "failed %d",
-                    addr, err);
-                continue;
-            }
-            if (m_readyRequestCount == 0) continue;
+        const int slot = nextServerSlot(true);
+        if (slot < 0) {
+            hr = QVIPC_E_SHUTDOWN;
+            break;
         }
-        const int slot =
-            nextReadySlot(&m_nextRequestSlot, &m_readyRequestCount, m_fdsetRecvRequestReady,
-                          m_fdsRecvRequest, loadInt(m_maxRequestSlot), fresh);
-        if (slot < 0) continue;
-        if (slot == 0) {
+        if (slot == ADMINPIPE) {
             unsigned long newSlot = 0;
             hr = receiveRequestOnAdminPipe(&newSlot);
             if (hr == QVIPC_E_NEW_CONNECTION) {
@@ -196,7 +214,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestPrimaryServer(unsigned long* pIpcid,
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextRequestSlot > loadInt(m_maxRequestSlot)) m_nextRequestSlot = 0;
+    if (m_nextRequestSlot > loadInt(&m_maxRequestSlot)) m_nextRequestSlot = 0;
 
     t_requestReceiverOf = nullptr;
     m_inReceiveRequest.store(0);
@@ -215,7 +233,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestSecondaryServer(unsigned long* pIpcid,
     *pIpcid = 0;
 
     QVRESULT hr = waitInitialized();
-    while (hr == S_OK && loadFd(m_fdsRecvRequest[REQUEST_PIPE]) == -1) {
+    while (hr == S_OK && loadFd(&m_fdsRecvRequest[REQUEST_PIPE]) == -1) {
         if (m_shutdown.load() != 0) {
             hr = QVIPC_E_SHUTDOWN;
         } else {
@@ -247,7 +265,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
 
     QVRESULT hr = S_OK;
     for (;;) {
-        int fd = loadFd(m_fdsRecvRequest[slot]);
+        int fd = loadFd(&m_fdsRecvRequest[slot]);
         // On the server a slot picked by the scan may have been freed since by another thread
         // (the reconnect command); waiting for it to be filled again would hold the loop.
         if (fd == -1 && m_isServer != 0) {
@@ -256,7 +274,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
         }
         while (fd == -1 && m_shutdown.load() == 0) {
             CPortable::Sleep(POLL_INTERVAL_MS);
-            fd = loadFd(m_fdsRecvRequest[slot]);
+            fd = loadFd(&m_fdsRecvRequest[slot]);
         }
         if (m_shutdown.load() != 0) {
             hr = QVIPC_E_SHUTDOWN;
@@ -330,7 +348,6 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
             } else {
                 // The rest of the body is still in the FIFO and the framing cannot resync: an
                 // unallocatable body breaks the connection like a failed body read.
-                if (hr == QVIPC_E_OUTOFMEMORY) err = ENOMEM;
                 m_requestPipeSeen[slot] = 0;
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveRequestOnClientPipe (0x%08X), read message "

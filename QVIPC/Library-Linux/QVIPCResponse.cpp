@@ -9,10 +9,11 @@
 
 #include <cerrno>
 
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
-#include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 
@@ -60,7 +61,7 @@ QVRESULT CQVIPCLibraryImpl::sendResponse(unsigned long ipcid, unsigned long requ
         if (ipcid >= m_maxConnections) {
             hr = QVIPC_E_INVALID_ID;
         } else {
-            fd = loadFd(m_fdsSendResponse[slot]);
+            fd = loadFd(&m_fdsSendResponse[slot]);
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::sendResponse (0x%08X) failed, ipcid %d, hr "
@@ -135,32 +136,14 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
     QVRESULT hr = waitInitialized();
     bool done = hr != S_OK;
     while (!done) {
-        if (m_nextResponseSlot == 0) {
-            int err = 0;
-            m_readyResponseCount = selectOnCopy(m_fdsetRecvResponse, m_fdmaxRecvResponse,
-                                                &m_fdsetRecvResponseReady, &err);
-            // Descriptors of freed slots that this thread may have been using are closed now
-            // that its working set no longer holds them.
-            closeDeferredFds(m_fdsDeferredCloseResponse);
-            if (m_shutdown.load() != 0) {
-                hr = QVIPC_E_SHUTDOWN;
-                break;
-            }
-            if (m_readyResponseCount < 0) {
-                qvLogError(
-                    "(Error) CQVIPCLibraryImpl::receiveResponseServer (0x%08X), select failed %d",
-                    addr, err);
-                continue;
-            }
-            if (m_readyResponseCount == 0) continue;
+        const int slot = nextServerSlot(false);
+        if (slot < 0) {
+            hr = QVIPC_E_SHUTDOWN;
+            break;
         }
-        const int maxSlot = __atomic_load_n(&m_maxResponseSlot, __ATOMIC_SEQ_CST);
-        const int slot = nextReadySlot(&m_nextResponseSlot, &m_readyResponseCount,
-                                       m_fdsetRecvResponseReady, m_fdsRecvResponse, maxSlot, false);
-        if (slot < 0) continue;
         if (slot == ADMINPIPE) {
             ResponseFrame drop;
-            const ssize_t n = ::read(loadFd(m_fdsRecvResponse[ADMINPIPE]), drop, sizeof drop);
+            const ssize_t n = ::read(loadFd(&m_fdsRecvResponse[ADMINPIPE]), drop, sizeof drop);
             (void)n;
             unsigned char set[8];
             CCritSecLock lock(m_pCritSec, __LINE__);
@@ -177,9 +160,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseServer(unsigned long* pIpcid, char** 
         *pIpcid = static_cast<unsigned long>(slot);
         done = true;
     }
-    if (m_nextResponseSlot > __atomic_load_n(&m_maxResponseSlot, __ATOMIC_SEQ_CST)) {
-        m_nextResponseSlot = 0;
-    }
+    if (m_nextResponseSlot > loadInt(&m_maxResponseSlot)) m_nextResponseSlot = 0;
 
     qvTrace("<<<CQVIPCLibraryImpl::receiveResponseServer (0x%08X)", addr);
     return hr;
@@ -210,7 +191,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
 
     QVRESULT hr = S_OK;
     for (;;) {
-        const int fd = loadFd(m_fdsRecvResponse[slot]);
+        const int fd = loadFd(&m_fdsRecvResponse[slot]);
         if (fd == -1) {
             if (keepWaiting == 0) {
                 hr = QVIPC_E_DISCONNECTED;
@@ -279,7 +260,6 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
             int err = 0;
             hr = readBody(fd, h.bodySize, &body, &err);
             if (hr != S_OK) {
-                if (hr == QVIPC_E_OUTOFMEMORY) err = ENOMEM;
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveResponseOnClientPipe (0x%08X), read "
                     "message failed %d",

@@ -8,11 +8,14 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
+#include "QVIPC/Library-Linux/FrameIO.h"
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/IDGen.h"
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
 #include "platform/Portable.h"
 #include "platform/TraceUtility.h"
@@ -40,31 +43,26 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
 
     // Request side: a blocked select() (server) or read() (client) gets one record.
     RequestFrame requestWake;
-    RequestHeader rq;
-    rq.type = TYPE_DATA;
-    buildRequest(requestWake, rq, nullptr, 0);
-    int fd = -1;
+    buildAdminRecord(requestWake, TYPE_DATA, 0, 0, 0);
     if (m_isServer != 0) {
-        fd = loadFd(m_fdsSendRequest[0]);
-    } else if (loadFd(m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
-        fd = openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags);
-    }
-    if (fd != -1) {
-        if (m_pPipeIO->write(fd, requestWake, static_cast<int>(sizeof requestWake),
-                             QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof requestWake)) {
+        const int fd = loadFd(&m_fdsSendRequest[0]);
+        if (fd != -1 &&
+            writeRecord(*m_pPipeIO, fd, requestWake) == static_cast<int>(sizeof requestWake)) {
             waitWhileSet(m_inReceiveRequest);
         }
-        if (m_isServer == 0) close(fd);
+    } else if (loadFd(&m_fdsRecvRequest[REQUEST_PIPE]) != -1) {
+        CFdGuard fd(openFifo(pipenameClientRequest(m_strConnectId, m_strPid), writeFlags));
+        if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), requestWake) ==
+                                  static_cast<int>(sizeof requestWake)) {
+            waitWhileSet(m_inReceiveRequest);
+        }
     }
 
     // Response side: the server's internal pipe, or the client's own response FIFO.
     ResponseFrame responseWake;
-    ResponseHeader rs;
-    rs.type = TYPE_DATA;
-    rs.pid = ownPid;
-    buildResponse(responseWake, rs, nullptr, 0);
+    buildAdminRecord(responseWake, TYPE_DATA, 0, 0, ownPid);
     if (m_isServer != 0) {
-        fd = m_adminResponsePipe[1];
+        const int fd = m_adminResponsePipe[1];
         if (fd != -1) {
             // The pipe's write end is non-blocking; a full pipe already holds a wake-up for the
             // receiver, so it is waited for all the same.
@@ -73,40 +71,43 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
                 waitWhileSet(m_inReceiveResponse);
             }
         }
-    } else if (loadFd(m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
-        fd = openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags);
-        if (fd != -1) {
-            if (m_pPipeIO->write(fd, responseWake, static_cast<int>(sizeof responseWake),
-                                 QVIPC_NO_TIMEOUT) == static_cast<int>(sizeof responseWake)) {
-                waitWhileSet(m_inReceiveResponse);
-            }
-            close(fd);
+    } else if (loadFd(&m_fdsRecvResponse[REQUEST_PIPE]) != -1) {
+        CFdGuard fd(openFifo(pipenameServerResponse(m_strConnectId, m_strPid), writeFlags));
+        if (fd.get() != -1 && writeRecord(*m_pPipeIO, fd.get(), responseWake) ==
+                                  static_cast<int>(sizeof responseWake)) {
+            waitWhileSet(m_inReceiveResponse);
         }
     }
 
     // The internal pipe's read end is also m_fdsRecvResponse[0]; it is closed once, there.
     const bool pipeReadInSlot0 =
-        m_adminResponsePipe[0] != -1 && loadFd(m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
+        m_adminResponsePipe[0] != -1 && loadFd(&m_fdsRecvResponse[0]) == m_adminResponsePipe[0];
 
-    for (int slot = 0; slot <= loadInt(m_maxResponseSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(&m_maxResponseSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvResponse[%d] %d", addr,
-                slot, loadFd(m_fdsRecvResponse[slot]));
-        closeFd(m_fdsRecvResponse[slot]);
+                slot, loadFd(&m_fdsRecvResponse[slot]));
+        closeEntry(&m_fdsRecvResponse[slot]);
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendRequest[%d] %d", addr,
-                slot, loadFd(m_fdsSendRequest[slot]));
-        closeFd(m_fdsSendRequest[slot]);
+                slot, loadFd(&m_fdsSendRequest[slot]));
+        closeEntry(&m_fdsSendRequest[slot]);
     }
-    __atomic_store_n(&m_maxResponseSlot, -1, __ATOMIC_SEQ_CST);
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        storeInt(m_maxResponseSlot, -1);
+    }
 
-    for (int slot = 0; slot <= loadInt(m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
+    for (int slot = 0; slot <= loadInt(&m_maxRequestSlot) && slot < QVIPC_MAX_SLOTS; ++slot) {
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsRecvRequest[%d] %d", addr,
-                slot, loadFd(m_fdsRecvRequest[slot]));
-        closeFd(m_fdsRecvRequest[slot]);
+                slot, loadFd(&m_fdsRecvRequest[slot]));
+        closeEntry(&m_fdsRecvRequest[slot]);
         qvTrace("...CQVIPCLibraryImpl::finalize (0x%08X), closing m_fdsSendResponse[%d] %d", addr,
-                slot, loadFd(m_fdsSendResponse[slot]));
-        closeFd(m_fdsSendResponse[slot]);
+                slot, loadFd(&m_fdsSendResponse[slot]));
+        closeEntry(&m_fdsSendResponse[slot]);
     }
-    __atomic_store_n(&m_maxRequestSlot, -1, __ATOMIC_SEQ_CST);
+    {
+        CCritSecLock lock(m_pCritSec, __LINE__);
+        storeInt(m_maxRequestSlot, -1);
+    }
 
     if (pipeReadInSlot0) {
         m_adminResponsePipe[0] = -1;
@@ -119,13 +120,13 @@ QVRESULT CQVIPCLibraryImpl::finalize() {
     // before it was stopped (the highest-slot values cover slot 1 only once connected), and
     // read ends of freed slots that a server's receivers had not yet closed themselves.
     if (m_isServer == 0) {
-        closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
-        closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
-        closeFd(m_fdsSendRequest[REQUEST_PIPE]);
-        closeFd(m_fdsSendResponse[REQUEST_PIPE]);
+        closeEntry(&m_fdsRecvResponse[REQUEST_PIPE]);
+        closeEntry(&m_fdsRecvRequest[REQUEST_PIPE]);
+        closeEntry(&m_fdsSendRequest[REQUEST_PIPE]);
+        closeEntry(&m_fdsSendResponse[REQUEST_PIPE]);
     }
-    closeDeferredFds(m_fdsDeferredCloseRequest);
-    closeDeferredFds(m_fdsDeferredCloseResponse);
+    closeDeferredFds(&m_fdsDeferredCloseRequest);
+    closeDeferredFds(&m_fdsDeferredCloseResponse);
 
     cleanupPipenames();
     qvTrace("<<<CQVIPCLibraryImpl::finalize (0x%08X)", addr);

@@ -7,13 +7,12 @@
 #include <cerrno>
 
 #include "QVIPC/Library-Linux/FifoFiles.h"
-#include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/PipenameRegistry.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "QVIPC/Library-Linux/QVIPCTrace.h"
+#include "QVIPC/Library-Linux/SlotWords.h"
+#include "platform/FdGuard.h"
 #include "platform/PCritSec.h"
-
-using namespace qvframe;
 
 namespace {
 
@@ -21,9 +20,9 @@ namespace {
 // hold only descriptors below FD_SETSIZE: a higher one could never wake its receiver, and
 // finalize would wait for ever for it. Such descriptors count as not made (EMFILE).
 int openAdminReadEnd(const std::string& path) {
-    const int fd = openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK);
-    if (fd == -1 || fd < FD_SETSIZE) return fd;
-    close(fd);
+    CFdGuard fd(openFifo(path, O_RDONLY | O_CREAT | O_NONBLOCK));
+    if (fd.get() < FD_SETSIZE) return fd.release();
+    fd.reset();
     errno = EMFILE;
     return -1;
 }
@@ -32,14 +31,16 @@ int openAdminReadEnd(const std::string& path) {
 bool makeInternalPipe(int (&fds)[2]) {
     int made[2];
     if (pipe(made) != 0) return false;
-    if (made[0] >= FD_SETSIZE) {
-        close(made[0]);
-        close(made[1]);
+    CFdGuard readEnd(made[0]);
+    CFdGuard writeEnd(made[1]);
+    if (readEnd.get() >= FD_SETSIZE) {
+        readEnd.reset();
+        writeEnd.reset();
         errno = EMFILE;
         return false;
     }
-    fds[0] = made[0];
-    fds[1] = made[1];
+    fds[0] = readEnd.release();
+    fds[1] = writeEnd.release();
     return true;
 }
 
@@ -93,14 +94,19 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                 m_fdmaxRecvResponse = m_adminResponsePipe[0];
             }
             storeFd(m_fdsRecvResponse[0], m_adminResponsePipe[0]);
-            __atomic_store_n(&m_maxResponseSlot, 0, __ATOMIC_SEQ_CST);
+            storeInt(m_maxResponseSlot, 0);
         }
 
         if (hr == S_OK) {
             qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (read) %s", addr,
                     adminPath.c_str());
-            int fd = loadFd(m_fdsRecvRequest[0]);
-            if (fd == -1) fd = openAdminReadEnd(adminPath);
+            // A retry after a failed start-up keeps the read end the failed one stored.
+            CFdGuard opened;
+            int fd = loadFd(&m_fdsRecvRequest[0]);
+            if (fd == -1) {
+                opened.reset(openAdminReadEnd(adminPath));
+                fd = opened.get();
+            }
             if (fd == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::initialize, can't create recv pipe %s, errno %d",
@@ -112,7 +118,8 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
                 m_fdmaxRecvRequest = fd;
                 FD_SET(fd, &m_fdsetRecvRequest);
                 storeFd(m_fdsRecvRequest[0], fd);
-                __atomic_store_n(&m_maxRequestSlot, 0, __ATOMIC_SEQ_CST);
+                opened.release();
+                storeInt(m_maxRequestSlot, 0);
             }
         }
 
@@ -120,14 +127,17 @@ QVRESULT CQVIPCLibraryImpl::initialize() {
             qvTrace("CQVIPCLibraryImpl::initialize 0x%08X, open serverAdmin (write) %s", addr,
                     adminPath.c_str());
             const int flags = m_sendTimeout != QVIPC_NO_TIMEOUT ? O_WRONLY | O_NONBLOCK : O_WRONLY;
-            const int fd = openFifo(adminPath, flags);
-            if (fd == -1) {
+            CFdGuard fd(openFifo(adminPath, flags));
+            if (fd.get() == -1) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::initialize, can't create send pipe %s, errno %d",
                     adminPath.c_str(), errno);
                 hr = QVIPC_E_MKNOD;
             } else {
-                storeFd(m_fdsSendRequest[0], fd);
+                {
+                    CCritSecLock lock(m_pCritSec, __LINE__);
+                    storeFd(m_fdsSendRequest[0], fd.release());
+                }
                 m_initialized.store(1);
             }
         }
