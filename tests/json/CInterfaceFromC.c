@@ -24,15 +24,15 @@ int DomCExercise(void) {
     CHECK(JSON_GetPathAsString(msg, "a.b") == NULL && JSON_GetOrdinalAsInt(msg, 0) == 0);
     CHECK(JSON_GetPathAsDouble(msg, "a") == 0.0 && JSON_GetNameAsUnsignedLong64(msg, "a") == 0);
     CHECK(JSON_ParseMessage(msg, "{\"a\":1,\"b\":[true,null,\"x\"],\"c\":null}") == 1);
-    CHECK(JSON_MessageSize(msg) == 3);
-    CHECK(JSON_GetNameAsInt(msg, "a") == 1 && JSON_GetNameAsString(msg, "a") == NULL);
+    CHECK(JSON_MessageSize(msg) == 3 && JSON_GetNameAsString(msg, "a") == NULL);
+    CHECK(JSON_GetNameAsInt(msg, "a") == 1 && JSON_GetOrdinalAsInt(msg, 0) == 1);
     s = JSON_GetPathAsString(msg, "b.2");
     CHECK(s != NULL && strcmp(s, "x") == 0);
     CHECK(JSON_IsPathNull(msg, "b.1") == 1 && JSON_IsPathNull(msg, "b.0") == 0);
     CHECK(JSON_IsNameNull(msg, "c") == 1 && JSON_IsNameNull(msg, "d") == 0);
     CHECK(JSON_IsOrdinalNull(msg, 2) == 1 && JSON_IsOrdinalNull(msg, 0) == 0);
-    CHECK(JSON_GetOrdinalAsInt(msg, 0) == 1 && JSON_GetPathAsInt(msg, "b.0") == 1);
-    CHECK(JSON_GetPathAsDouble(msg, "b.0") == 1.0 && JSON_GetOrdinalAsDouble(msg, 0) == 1.0);
+    CHECK(JSON_GetPathAsInt(msg, "b.0") == 1 && JSON_GetPathAsDouble(msg, "b.0") == 1.0);
+    CHECK(JSON_GetOrdinalAsDouble(msg, 0) == 1.0);
     CHECK(JSON_ParseMessage(msg,
                             "{\"r\":2.5,\"m\":-1,\"big\":1e19,\"i\":7,\"t\":true,\"s\":\"12\","
                             "\"huge\":1e30,\"neg\":-2.5,\"f\":false,\"top\":9.3e18}") == 1);
@@ -40,16 +40,16 @@ int DomCExercise(void) {
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "m") == 18446744073709551615ull);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "big") == 10000000000000000000ull);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "top") == 9300000000000000000ull);
+    CHECK(JSON_GetNameAsUnsignedLong64(msg, "huge") == 18446744073709551615ull);
+    CHECK(JSON_GetNameAsUnsignedLong64(msg, "neg") == 18446744073709551614ull);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "i") == 7 &&
           JSON_GetOrdinalAsUnsignedLong64(msg, 3) == 7);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "t") == 1 &&
           JSON_GetNameAsUnsignedLong64(msg, "f") == 0);
     CHECK(JSON_GetNameAsUnsignedLong64(msg, "s") == 0);
-    CHECK(JSON_GetNameAsUnsignedLong64(msg, "huge") == 18446744073709551615ull);
-    CHECK(JSON_GetNameAsUnsignedLong64(msg, "neg") == 18446744073709551614ull);
     CHECK(JSON_ParseMessage(msg, "[\"p\",\"q\"") == 0);
     s = JSON_GetOrdinalAsString(msg, 1);
-    CHECK(s != NULL && strcmp(s, "q") == 0);
+    CHECK(s != NULL && strcmp(s, "q") == 0 && JSON_GetOrdinalAsString(msg, 2) == NULL);
     CHECK(JSON_ParseMessage(msg, "") == 0 && JSON_MessageSize(msg) == 0);
     /* The escaping and number functions come with the same header. */
     CHECK(JSON_EscapeString(&pos, buf + sizeof buf, "a\"b") == 1 && strcmp(buf, "a\\\"b") == 0);

@@ -213,31 +213,56 @@ TEST(DomParserTest, WideDocumentsKeepEveryValue) {
     EXPECT_EQ(99999, m[100000].AsInt());
 }
 
-// An object of an application's own type, which watches the names added to it.
-class NamesObject : public JSON::ObjectValue {
+// Containers of an application's own types: they watch what is added and tag their text.
+class TaggedArray : public JSON::ArrayValue {
+public:
+    void AddValue(JSON::JSONValue& v) override {
+        ++m_nAdded;
+        JSON::ArrayValue::AddValue(v);
+    }
+    bool Serialize(std::string& out) const override {
+        out += "<a>";
+        return JSON::ArrayValue::Serialize(out);
+    }
+    int m_nAdded = 0;
+};
+
+class TaggedObject : public JSON::ObjectValue {
 public:
     void AddName(JSON::JSONValue& v) override {
         m_strNames += std::string(v.m_pText, static_cast<size_t>(v.m_nLength)) + ";";
         JSON::ObjectValue::AddName(v);
     }
+    bool Serialize(std::string& out) const override {
+        out += "<o>";
+        return JSON::ObjectValue::Serialize(out);
+    }
     std::string m_strNames;
 };
 
-TEST(DomParserTest, ValuesReadIntoGivenContainersGoAfterWhatTheyHold) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse("[1]"));
-    char text[] = R"({"b":1,"a":[2],"c":@} [5,@])";
+TEST(DomParserTest, DerivedContainersGetWhatIsReadThroughTheirOwnAddAndWriteThemselves) {
+    char text[] = R"([1,[2]] {"b":1,"a":[2],"c":@} [5,@])";
     JSON::ParseContext ctx;
     ctx.pBegin = ctx.pCur = text;
     ctx.pEnd = text + sizeof text - 1;
-    NamesObject object;
-    EXPECT_EQ(JSON::TypeInvalid, JSON::Parser::ParseObject(ctx, object));
-    EXPECT_EQ("b;a;c;", object.m_strNames);
-    EXPECT_EQ(R"({"b":1,"a":[2]})", Text(object));
+    auto* array = new TaggedArray;
+    auto* object = new TaggedObject;
+    JSON::Message m;  // a tree of its own, after a text longer than one output block
+    ASSERT_TRUE(m.Parse(("[\"" + std::string(9000, 'b') + "\",0,0]").c_str()));
+    m[1].m_pComposite = array;
+    m[2].m_pComposite = object;
+    EXPECT_EQ(JSON::TypeArray, JSON::Parser::ParseArray(ctx, *array));
+    EXPECT_EQ(2, array->m_nAdded);
+    ctx.pCur += 1;
+    EXPECT_EQ(JSON::TypeInvalid, JSON::Parser::ParseObject(ctx, *object));
+    EXPECT_EQ("b;a;c;", object->m_strNames);
+    EXPECT_EQ(R"(",<a>[1,[2]],<o>{"b":1,"a":[2]}])", Text(m).substr(9002));
+    // A value read into a parent goes after what it holds, also when it fails.
     ctx.pCur += 2;
-    EXPECT_EQ(JSON::TypeInvalid, JSON::Parser::ParseJSONValue(ctx, *m.m_pComposite));
+    EXPECT_EQ(JSON::TypeInvalid, JSON::Parser::ParseJSONValue(ctx, *array));
     EXPECT_EQ('@', *ctx.pCur);
-    EXPECT_EQ("[1,[5]]", Text(m));
+    EXPECT_EQ(3, array->m_nAdded);
+    EXPECT_EQ("<a>[1,[2],[5]]", Text(*array));
 }
 
 }  // namespace

@@ -93,14 +93,6 @@ TEST(DomValueTest, LookupsFindEveryNameAndString) {
         EXPECT_EQ(0, o[names[0].c_str()].AsInt());
         EXPECT_STREQ("n1", o.m_pComposite->NameAt(2 * count - 1));
     }
-    using NameMap = JSON::ObjectValue::NameMap;
-    char b[] = "b", aa[] = "aa", ab[] = "ab";
-    EXPECT_TRUE(NameMap::Less({b, 1, false, 0}, {aa, 2, false, 1}));  // length first
-    EXPECT_FALSE(NameMap::Less({aa, 2, false, 0}, {b, 1, false, 1}));
-    EXPECT_TRUE(NameMap::Less({aa, 2, false, 0}, {ab, 2, false, 1}));
-    EXPECT_FALSE(NameMap::Less({ab, 2, false, 0}, {ab, 2, false, 1}));
-    EXPECT_TRUE(JSON::ArrayValue::OrdinalMap::Less({aa, 0}, {b, 1}));  // bytes only
-    EXPECT_FALSE(JSON::ArrayValue::OrdinalMap::Less({b, 0}, {aa, 1}));
 }
 
 TEST(DomValueTest, IndexesOfEmptyMixedAndDuplicateContents) {
@@ -198,7 +190,6 @@ TEST(DomMessageTest, CopiesOwnTheirTextAndTree) {
     EXPECT_TRUE(Inside(copy["a"].m_pText, copy.m_strText));
     EXPECT_TRUE(Inside(copy.Path("b.1.c").m_pText, copy.m_strText));
     EXPECT_FALSE(Inside(copy.Path("b.1.d").m_pText, copy.m_strText));
-    EXPECT_NE(source->Path("b.1.d").m_pText, copy.Path("b.1.d").m_pText);
     delete source;
     buffer.assign(buffer.size(), 'X');  // the in-place source's text is gone too
     inPlace.m_bInPlace = false;

@@ -1,11 +1,8 @@
-// The compact text of a value, a container or a whole message: trees are compared as exact
-// strings.
+// The compact text of a value, a container or a message: trees are compared as exact strings.
 #ifndef TESTS_JSON_TREETEXT_H_
 #define TESTS_JSON_TREETEXT_H_
 
 #include <string>
-
-#include "json/JSONValue.h"
 
 template <typename Tree>
 std::string Text(const Tree& tree) {
