@@ -1,8 +1,7 @@
-// Running out of memory, and memory kept: every allocation of a parse, of updates and of a
-// copy is made to fail in turn; the failure must surface as std::bad_alloc, leave a message
-// that works again and leak nothing. The global allocation functions are replaced for this,
-// which affects the whole program (hence a program of its own), and they also count the
-// blocks and bytes in use, so leaks show in any build, not only under a sanitizer.
+// Every allocation of a parse, of updates and of a copy is made to fail in turn: the failure
+// must surface as std::bad_alloc, leave a message that works again and leak nothing. The
+// replaced global allocation functions count the blocks in use, so that leaks fail in every
+// build; they affect the whole program, hence a program of its own.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -80,10 +79,9 @@ void Edit(JSON::Message& m) {
     m = copy;
 }
 
-// Runs Edit on a message holding the tree of `prior` (none when null) with allocation n
-// failing, then again without; true when an allocation was failed. A thread of its own starts
-// without the reader's per-thread stack and cache, so every attempt makes the same allocations,
-// and gives back all it kept when it ends.
+// Runs Edit on a message holding the tree of `prior` with allocation n failing, then again
+// without; true when an allocation was failed. A fresh thread has no per-thread cache yet, so
+// every attempt makes the same allocations.
 bool EditFailingAt(const char* prior, long n) {
     bool failed = false;
     std::thread([&] {
