@@ -163,6 +163,7 @@ TEST(DomValueTest, NameLeftByACutOffObjectIsHarmless) {
     EXPECT_EQ(nullptr, m.GetByName("z"));
     EXPECT_EQ(nullptr, m.m_pComposite->NameAt(2));
     m.Set("c", 3);
+    EXPECT_STREQ("c", m.m_pComposite->NameAt(2));  // added, and not yet looked up
     m.Set("z", 4);
     EXPECT_EQ(R"({"b":1,"a":2,"c":3,"z":4})", Text(m));
     EXPECT_EQ(4, m["z"].AsInt());
