@@ -1,31 +1,46 @@
-// A parse that runs out of memory: every allocation of a parse of a nested document is made to
-// fail in turn. The failure must surface as std::bad_alloc and leave a message that parses
-// again; the leak checker of the sanitizer build sees any container the parse dropped.
-// Replacing the global allocation functions affects the whole program, which is why these
-// tests are a program of their own.
+// Every allocation of a parse, of updates and of a copy is made to fail in turn: the failure
+// must surface as std::bad_alloc, leave a message that works again and leak nothing. The
+// replaced global allocation functions count the blocks in use, so that leaks fail in every
+// build; they affect the whole program, hence a program of its own.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 #include <string>
 #include <thread>
 
 #include "json/JSONMessage.h"
+#include "tests/json/TreeText.h"
 
 namespace {
 
 // Allocations the calling thread may still make before one fails; -1: none is failed.
 thread_local long t_allocationsBeforeFailure = -1;
+std::atomic<long> g_blocks{0};
+std::atomic<long> g_bytes{0};
 
-void* Allocate(std::size_t size) {
-    if (t_allocationsBeforeFailure == 0) {
+// A failed allocation throws, or gives null to the nothrow forms.
+void* Allocate(std::size_t size, bool nothrow = false) {
+    void* p = nullptr;
+    if (t_allocationsBeforeFailure != 0) p = std::malloc(size != 0 ? size : 1);
+    t_allocationsBeforeFailure -= t_allocationsBeforeFailure > 0 ? 1 : 0;
+    if (p == nullptr) {
         t_allocationsBeforeFailure = -1;  // one failure only: cleaning up may allocate again
+        if (nothrow) return nullptr;
         throw std::bad_alloc();
     }
-    if (t_allocationsBeforeFailure > 0) --t_allocationsBeforeFailure;
-    void* p = std::malloc(size != 0 ? size : 1);
-    if (p == nullptr) throw std::bad_alloc();
+    ++g_blocks;
+    g_bytes += static_cast<long>(malloc_usable_size(p));
     return p;
+}
+
+void Free(void* p) {
+    if (p == nullptr) return;
+    --g_blocks;
+    g_bytes -= static_cast<long>(malloc_usable_size(p));
+    std::free(p);
 }
 
 }  // namespace
@@ -33,69 +48,98 @@ void* Allocate(std::size_t size) {
 void* operator new(std::size_t size) { return Allocate(size); }
 void* operator new[](std::size_t size) { return Allocate(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    try {
-        return Allocate(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    return Allocate(size, true);
 }
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return Allocate(size, true);
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete(void* p) noexcept { Free(p); }
+void operator delete[](void* p) noexcept { Free(p); }
+void operator delete(void* p, std::size_t) noexcept { Free(p); }
+void operator delete[](void* p, std::size_t) noexcept { Free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { Free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { Free(p); }
 
 namespace {
 
 const char* const DOC = R"({"a":[1,{"b":[true,"x",{"c":{}}]},[[],[2]]],"d":{"e":"f"},"g":[null]})";
+const char* const EDITED =
+    R"({"a":[1,"flat",[[],[2]],null,null,2.5],"d":{"e":1},"g":[null],"h":"owned","i":true})";
 
-struct Attempt {
-    bool failed = false;  // the allocation was failed
-    bool threw = false;
-    bool reparsed = false;
-    std::string text;  // of the message parsed again without failure
-};
+// What a message goes through: a parse into what it held, updates that add, replace, grow and
+// release, a copy and an assignment.
+void Edit(JSON::Message& m) {
+    m.Parse(DOC);
+    m.Set("h", "owned");
+    m["a"].Set(5, 2.5);
+    m["d"].Set("e", 1);
+    m["a"].Set(1, "flat");
+    JSON::Message copy(m);
+    copy.Set("i", true);
+    m = copy;
+}
 
-// Parses DOC into a message holding the tree of `prior` (none when null) with allocation n
-// failing. A thread of its own starts without the reader's per-thread scratch stack, so every
-// attempt makes the same allocations.
-Attempt ParseFailingAt(const char* prior, long n) {
-    Attempt a;
+// Runs Edit on a message holding the tree of `prior` with allocation n failing, then again
+// without; true when an allocation was failed. A fresh thread has no per-thread cache yet, so
+// every attempt makes the same allocations.
+bool EditFailingAt(const char* prior, long n) {
+    bool failed = false;
     std::thread([&] {
         JSON::Message m;
         if (prior != nullptr) m.Parse(prior);
         t_allocationsBeforeFailure = n;
+        bool threw = false;
         try {
-            m.Parse(DOC);
+            Edit(m);
         } catch (const std::bad_alloc&) {
-            a.threw = true;
+            threw = true;
         }
-        a.failed = t_allocationsBeforeFailure == -1;
+        failed = t_allocationsBeforeFailure == -1;
         t_allocationsBeforeFailure = -1;
-        a.reparsed = m.Parse(DOC);
-        m.Serialize(a.text);
+        EXPECT_EQ(failed, threw) << n;
+        Edit(m);
+        EXPECT_EQ(EDITED, Text(m)) << n;
     }).join();
-    return a;
+    return failed;
 }
 
-TEST(DomParseOutOfMemoryTest, EveryFailedAllocationThrowsAndLeavesAUsableMessage) {
+TEST(DomParseOutOfMemoryTest, EveryFailedAllocationThrowsLeaksNothingAndLeavesAUsableMessage) {
     // A fresh message, a root of the other kind to replace, a root of the same kind to reuse.
     for (const char* prior : {static_cast<const char*>(nullptr), "[0]", R"({"z":[1]})"}) {
-        SCOPED_TRACE(prior != nullptr ? prior : "fresh");
         long n = 0;
-        for (;; ++n) {
-            const Attempt a = ParseFailingAt(prior, n);
-            ASSERT_EQ(a.failed, a.threw) << n;
-            ASSERT_TRUE(a.reparsed) << n;
-            ASSERT_EQ(DOC, a.text) << n;
-            if (!a.failed) break;
+        for (bool failed = true; failed; ++n) {
+            const long blocks = g_blocks;
+            failed = EditFailingAt(prior, n);
+            ASSERT_EQ(blocks, g_blocks.load()) << n;
         }
-        EXPECT_GT(n, 10);  // the document's containers are allocated one by one
+        EXPECT_GT(n, 20);  // the containers and texts are allocated one by one
     }
+}
+
+// A message in thread-local storage is destroyed as its thread ends, after the thread's cache
+// may have been given back.
+thread_local JSON::Message t_message;
+
+// A thread keeps what released trees held, for its next documents, but not without bound, and
+// gives it all back when it ends.
+TEST(DomParseOutOfMemoryTest, ReleasedTreesAreKeptWithinABound) {
+    std::string doc = "[";
+    for (int i = 0; i < 100000; ++i) doc += R"([0],{"k":0},)";
+    doc.back() = ']';
+    const long blocks = g_blocks;
+    const long bytes = g_bytes;
+    long kept = 0;
+    std::thread([&] {
+        ASSERT_TRUE(t_message.Parse(DOC));
+        {
+            JSON::Message m;
+            ASSERT_TRUE(m.Parse(doc.c_str()));
+        }
+        kept = g_bytes - bytes;
+    }).join();
+    EXPECT_LT(kept, 12L << 20);
+    EXPECT_EQ(blocks, g_blocks.load());
+    EXPECT_EQ(bytes, g_bytes.load());
 }
 
 }  // namespace

@@ -1,173 +1,142 @@
-// The value model: misses, conversions, the lazy indexes of objects and arrays, and updates.
+// The value model and messages: misses, conversions, lookups by name, ordinal and path with
+// their lazy indexes, updates, deep copies, and the C interface driven from C.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "json/JSONMessage.h"
-#include "json/JSONValue.h"
+#include "json/JSON_C.h"
+#include "tests/json/TreeText.h"
+
+extern "C" int DomCExercise(void);
 
 namespace {
 
-std::string Text(const JSON::JSONValue& v) {
-    std::string out;
-    v.Serialize(out);
-    return out;
+// One document read by dotted path: the value found, its conversions and its text.
+TEST(DomValueTest, PathsLookupsAndConversions) {
+    JSON::Message m;
+    ASSERT_TRUE(
+        m.Parse(R"({"a":1,"b":[true,null,"x",2.9,-2.9,"12",5e-1,1e300,-1e300,)"
+                R"(99999999999,-99999999999,+12,false,[7]],"":{"":5},"e":{"":{"b":7}},".k":8})"));
+    // Strings are not read as numbers; strtol saturates at the range of long, which is wider
+    // than int on a 64-bit target.
+    const double longMax = sizeof(long) == 4 ? 2147483647.0 : 99999999999.0;
+    const double longMin = sizeof(long) == 4 ? -2147483648.0 : -99999999999.0;
+    const int ints[] = {1, 0, 0, 2, -2, 0, 0, INT_MAX, INT_MIN, INT_MAX, INT_MIN, 12, 0, 0};
+    const double doubles[] = {1,     0,      0,       2.9,     -2.9, 0, 0.5,
+                              1e300, -1e300, longMax, longMin, 12,   0, 0};
+    for (int i = 0; i < 14; ++i) {
+        EXPECT_EQ(ints[i], m["b"][i].AsInt()) << i;
+        EXPECT_EQ(doubles[i], m["b"][i].AsDouble()) << i;
+    }
+    // An empty segment, or one without digits, is element 0 of an array; strtol skips white
+    // space. A leading dot stays in the first name. An empty text: the none value.
+    const char* const paths[][2] = {
+        {"a", "1"},        {"b.2", "\"x\""},  {"b.13", "[7]"}, {"b.", "true"},
+        {"b.abc", "true"}, {"b. 1x", "null"}, {"e..b", "7"},   {"e.", "{\"b\":7}"},
+        {".k", "8"},       {"b.14", ""},      {"b.-1", ""},    {"b.4294967297", ""},
+        {"c", ""},         {"ab", ""},        {"b.2.z", ""},   {"a.x", ""},
+        {"e..c", ""},      {"..", ""},        {"", ""},
+    };
+    for (const auto& p : paths) {
+        const JSON::JSONValue& v = m.Path(p[0]);
+        EXPECT_EQ(p[1], Text(v)) << p[0];
+        EXPECT_EQ(*p[1] == '\0', &v == &JSON::JSONValue::None()) << p[0];
+    }
+    EXPECT_EQ(&JSON::JSONValue::None(), &m.Path(nullptr));
+    EXPECT_EQ(&JSON::JSONValue::None(), &JSON::Message().Path("a"));
+    // Index operators chain misses: the non-const none value, or the const one.
+    EXPECT_EQ(&JSON::JSONValue::NonConstNone(), &m["x"]["y"][3]);
+    EXPECT_EQ(&JSON::JSONValue::None(), &static_cast<const JSON::Message&>(m)["b"][99]["c"]);
+    EXPECT_EQ(nullptr, JSON::JSONValue::None().GetByName("a"));
+    m.Set(0, std::nan(""));  // a real that is not a number reads as 0
+    EXPECT_EQ(0, m[0].AsInt());
+    for (JSON::Type type : {JSON::TypeInteger, JSON::TypeReal, JSON::TypeBoolean}) {
+        ASSERT_NE(nullptr, m.m_pComposite->UpdateByOrdinal(0, nullptr, type));
+        EXPECT_EQ(0, m[0].AsInt());  // nor does a value without text
+        EXPECT_EQ(0.0, m[0].AsDouble());
+        EXPECT_EQ(0u, JSON_GetOrdinalAsUnsignedLong64(&m, 0));
+    }
 }
 
-TEST(DomValueTest, MissesChainToTheNoneValue) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"a":{"b":[1]}})"));
-    const JSON::JSONValue& miss = m["x"]["y"][3];
-    EXPECT_EQ(&JSON::JSONValue::NonConstNone(), &miss);
-    EXPECT_EQ(1, m["a"]["b"][0].AsInt());
-    const JSON::Message& cm = m;
-    EXPECT_EQ(&JSON::JSONValue::None(), &cm["a"]["c"]);
-    const JSON::JSONValue& none = JSON::JSONValue::None();
-    EXPECT_EQ(JSON::TypeNone, none.m_type);
-    EXPECT_EQ(0, none.Size());
-    EXPECT_EQ(nullptr, none.GetByOrdinal(0));
-    EXPECT_EQ(nullptr, none.GetByName("a"));
-    EXPECT_EQ(0.0, none.AsDouble());
-    std::string out;
-    EXPECT_FALSE(none.Serialize(out));
-    EXPECT_EQ("", out);
-    EXPECT_EQ(nullptr, m.GetByOrdinal(-1));
-    EXPECT_EQ(nullptr, m.GetByOrdinal(1));
+// Names and strings of several lengths, in no order: short and long lists are sorted apart.
+TEST(DomValueTest, LookupsFindEveryNameAndString) {
+    for (int count : {1, 2, 3, 16, 17, 40}) {
+        SCOPED_TRACE(count);
+        std::vector<std::string> names;
+        std::string object = "{", array = "[";
+        for (int i = 0; i < count; ++i) {
+            names.push_back(std::string(static_cast<size_t>(i % 3), 'x') +
+                            std::to_string((i * 37) % 101));
+            object += (i != 0 ? ",\"" : "\"") + names.back() + "\":" + std::to_string(i);
+            array += (i != 0 ? ",\"" : "\"") + names.back() + "\"";
+        }
+        JSON::Message o, a;
+        ASSERT_TRUE(o.Parse((object + "}").c_str()));
+        ASSERT_TRUE(a.Parse((array + "]").c_str()));
+        for (int i = 0; i < count; ++i) {
+            const std::string& name = names[static_cast<size_t>(i)];
+            const int length = static_cast<int>(name.size());
+            for (const JSON::CompositeValue* c : {o.m_pComposite, a.m_pComposite}) {
+                EXPECT_EQ(i, c->OrdinalOf(name.c_str())) << name;
+                EXPECT_EQ(i, c->OrdinalOf((name + "zz").c_str(), length)) << name;
+                EXPECT_EQ(-1, c->OrdinalOf((name + "z").c_str())) << name;
+                EXPECT_STREQ(name.c_str(), c->NameAt(i));
+            }
+            EXPECT_EQ(i, o[name.c_str()].AsInt()) << name;
+        }
+        // Names added later, in descending order, are found as well as the parsed ones.
+        for (int i = count; i > 0; --i) o.Set(("n" + std::to_string(i)).c_str(), i);
+        for (int i = 1; i <= count; ++i) EXPECT_EQ(i, o[("n" + std::to_string(i)).c_str()].AsInt());
+        EXPECT_EQ(0, o[names[0].c_str()].AsInt());
+        EXPECT_STREQ("n1", o.m_pComposite->NameAt(2 * count - 1));
+    }
 }
 
-TEST(DomValueTest, ConversionsFollowTheType) {
+TEST(DomValueTest, IndexesOfEmptyMixedAndDuplicateContents) {
     JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"([2.9,-2.9,true,false,12,"12",1e300,-1e300,99999999999,-99999999999,
-                            null,"x",5e-1])"));
-    EXPECT_EQ(2, m[0].AsInt());
-    EXPECT_EQ(-2, m[1].AsInt());
-    EXPECT_EQ(1, m[2].AsInt());
-    EXPECT_EQ(0.0, m[3].AsDouble());
-    EXPECT_EQ(12.0, m[4].AsDouble());
-    EXPECT_EQ(0, m[5].AsInt());        // strings are not read as numbers
-    EXPECT_EQ(INT_MAX, m[6].AsInt());  // out-of-range reals and integers saturate
-    EXPECT_EQ(INT_MIN, m[7].AsInt());
-    EXPECT_EQ(INT_MAX, m[8].AsInt());
-    EXPECT_EQ(INT_MIN, m[9].AsInt());
-    EXPECT_EQ(0, m[10].AsInt());
-    EXPECT_EQ(0.5, m[12].AsDouble());
-}
-
-TEST(DomValueTest, ArrayGetByNameReadsADecimalOrdinal) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"([10,11,12])"));
-    EXPECT_EQ(12, m["2"].AsInt());
-    EXPECT_EQ(10, m["abc"].AsInt());  // no digits: ordinal 0
-    EXPECT_EQ(nullptr, m.GetByName("3"));
-    EXPECT_EQ(nullptr, m.GetByName("-1"));
-    EXPECT_EQ(nullptr, m.GetByName(nullptr));
-}
-
-TEST(DomValueTest, ObjectNameIndexSortsByLengthThenBytes) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"b":1,"aa":2,"c":3})"));
-    const auto* obj = static_cast<const JSON::ObjectValue*>(m.m_pComposite);
-    ASSERT_EQ(3u, obj->m_names.size());
-    EXPECT_STREQ("b", obj->m_names[0].pName);
-    EXPECT_STREQ("c", obj->m_names[1].pName);
-    EXPECT_STREQ("aa", obj->m_names[2].pName);
-    EXPECT_STREQ("aa", obj->NameAt(1));
-    EXPECT_EQ(nullptr, obj->NameAt(3));
-    EXPECT_EQ(nullptr, obj->NameAt(-1));
-    EXPECT_EQ(0, obj->OrdinalOf("b"));
-    EXPECT_EQ(0, obj->OrdinalOf("bz", 1));  // an explicit length compares that many bytes
-    EXPECT_EQ(-1, obj->OrdinalOf("a"));
-    EXPECT_EQ(-1, obj->OrdinalOf("aaa"));
-    EXPECT_EQ(0, obj->OrdinalOf(nullptr));
-    EXPECT_FALSE(obj->MakeMap());
-
-    // The comparator orders by length before bytes.
-    using NameMap = JSON::ObjectValue::NameMap;
-    char b[] = "b", aa[] = "aa";
-    const NameMap nb{b, 1, false, 0}, naa{aa, 2, false, 1};
-    EXPECT_TRUE(NameMap::Less(nb, naa));
-    EXPECT_FALSE(NameMap::Less(naa, nb));
-    EXPECT_FALSE(NameMap::Less(nb, nb));
-
-    JSON::Message empty;
-    ASSERT_TRUE(empty.Parse("{}"));
-    EXPECT_EQ(-1, empty.m_pComposite->OrdinalOf("a"));
-    EXPECT_EQ(nullptr, empty.m_pComposite->NameAt(0));
-}
-
-TEST(DomValueTest, DuplicateNamesKeepBothMembers) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"k":1,"k":2})"));
-    EXPECT_EQ(2, m.Size());
-    EXPECT_STREQ("k", m.m_pComposite->NameAt(0));
-    EXPECT_STREQ("k", m.m_pComposite->NameAt(1));
-    const int found = m.m_pComposite->OrdinalOf("k");
-    EXPECT_TRUE(found == 0 || found == 1);
-}
-
-TEST(DomValueTest, ArrayValueIndexFindsStringsOnly) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"(["b","a","c"])"));
-    const JSON::CompositeValue* arr = m.m_pComposite;
-    EXPECT_EQ(1, arr->OrdinalOf("a"));
-    EXPECT_EQ(-1, arr->OrdinalOf("d"));
-    EXPECT_EQ(2, arr->OrdinalOf("cx", 1));
-    EXPECT_STREQ("c", arr->NameAt(2));
-    EXPECT_TRUE(arr->MakeMap());
-    // The index is in strcmp order of the texts.
-    const auto& index = static_cast<const JSON::ArrayValue*>(arr)->m_valueIndex;
-    ASSERT_EQ(3u, index.size());
-    EXPECT_TRUE(JSON::ArrayValue::OrdinalMap::Less(index[0], index[1]));
-    EXPECT_FALSE(JSON::ArrayValue::OrdinalMap::Less(index[1], index[0]));
-    EXPECT_EQ(1, index[0].nOrdinal);
-
-    ASSERT_TRUE(m.Parse(R"([1,"a"])"));
+    ASSERT_TRUE(m.Parse("{}"));
     EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("a"));
+    EXPECT_EQ(nullptr, m.m_pComposite->NameAt(0));
+    ASSERT_TRUE(m.Parse(R"({"k":1,"k":2})"));
+    EXPECT_STREQ("k", m.m_pComposite->NameAt(1));
+    EXPECT_EQ(m.m_pComposite->OrdinalOf("k") & ~1, 0);  // either of them
+    ASSERT_TRUE(m.Parse(R"(["x","y"])"));
+    EXPECT_EQ(1, m.m_pComposite->OrdinalOf("y"));
+    EXPECT_EQ(0, m.m_pComposite->OrdinalOf(nullptr));
+    m.Set(1, "z");  // the index is rebuilt after each update
+    EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("y"));
+    EXPECT_EQ(1, m.m_pComposite->OrdinalOf("z"));
+    m.Set(2, 5);  // no longer strings only
+    EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("z"));
     EXPECT_EQ(nullptr, m.m_pComposite->NameAt(1));
     EXPECT_FALSE(m.m_pComposite->MakeMap());
 }
 
-TEST(DomValueTest, LookupsSeeEveryUpdate) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"b":1,"aa":2})"));
-    EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("new"));
-    m.Set("new", "v");
-    EXPECT_EQ(2, m.m_pComposite->OrdinalOf("new"));
-    EXPECT_STREQ("v", m["new"].m_pText);
-    EXPECT_STREQ("b", m.m_pComposite->NameAt(0));
-    EXPECT_STREQ("aa", m.m_pComposite->NameAt(1));
-    EXPECT_STREQ("new", m.m_pComposite->NameAt(2));
-    m.Set("b", 7);  // replaced in place, same position
-    EXPECT_EQ(R"({"b":7,"aa":2,"new":"v"})", Text(m));
-
-    JSON::Message arr;
-    ASSERT_TRUE(arr.Parse(R"(["x","y"])"));
-    EXPECT_EQ(1, arr.m_pComposite->OrdinalOf("y"));
-    arr.Set(1, "z");
-    EXPECT_EQ(-1, arr.m_pComposite->OrdinalOf("y"));
-    EXPECT_EQ(1, arr.m_pComposite->OrdinalOf("z"));
-    arr.Set(2, 5);
-    EXPECT_EQ(-1, arr.m_pComposite->OrdinalOf("z"));  // no longer strings only
-}
-
-TEST(DomValueTest, SetBuildsAndReplacesValues) {
-    JSON::Message obj;
-    obj.Set("a", 1);
-    EXPECT_EQ(JSON::TypeObject, obj.m_type);
-    EXPECT_EQ(R"({"a":1})", Text(obj));
-
-    JSON::Message arr;
+TEST(DomValueTest, UpdatesBuildReplaceAndRefuse) {
+    JSON::Message obj, arr;
+    EXPECT_EQ(1, obj.Set("a", 1).AsInt());  // a fresh root becomes an object or an array
     arr.Set(3, true);
-    EXPECT_EQ("[null,null,null,true]", Text(arr));
-
+    EXPECT_EQ(R"({"a":1}[null,null,null,true])", Text(obj) + Text(arr));
     JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"o":{"deep":[1,{"x":"y"}]},"s":"t"})"));
+    ASSERT_TRUE(m.Parse(R"({"o":{"deep":[1,{"x":"y"}]},"s":"t","a":[{"z":[]}],"c":{}})"));
+    const JSON::JSONValue* none = &JSON::JSONValue::None();
+    EXPECT_EQ(none, &m["a"].Set("x", 1));  // a name on an array
+    EXPECT_EQ(none, &m.Set(4, 1));         // an object does not grow by ordinal
+    EXPECT_EQ(none, &m.Set(-1, 1));
+    EXPECT_EQ(none, &m["a"].Set(-1, 1));
+    EXPECT_EQ(none, &m["missing"].Set("x", 1));  // writes through a miss store nothing
+    EXPECT_EQ(none, &m["missing"].Set(0, 1));
+    EXPECT_EQ(none, &m.Set(static_cast<const char*>(nullptr), 1));
     m.Set("o", "flat");  // the object held before is released
+    m["a"].Set(0, -0.25);
+    m["a"].SetNull(2);
     m.SetNull("s");
-    m.Set("d", 2.5);
+    EXPECT_EQ(2.5, m.Set(3, 2.5).AsDouble());  // an existing member by ordinal
     m.Set("u", 18446744073709551615ull);
     m.Set("l", -5L);
     m.Set("ul", 4294967295ul);
@@ -176,61 +145,58 @@ TEST(DomValueTest, SetBuildsAndReplacesValues) {
     m.Set("ts", int64_t{1700000000000});  // long or long long by target, whole either way
     m.Set("f", false);
     m.Set("n", static_cast<const char*>(nullptr));
-    EXPECT_EQ(
-        R"({"o":"flat","s":null,"d":2.5,"u":18446744073709551615,"l":-5,"ul":4294967295,"ui":7,)"
-        R"("ll":-9223372036854775808,"ts":1700000000000,)"
-        R"("f":false,"n":""})",
-        Text(m));
+    m.Set(0, HUGE_VAL);  // a real with no JSON form: nothing is written for it
+    EXPECT_EQ(R"({"o":,"s":null,"a":[-0.25,null,null],"c":2.5,"u":18446744073709551615,"l":-5,)"
+              R"("ul":4294967295,"ui":7,"ll":-9223372036854775808,"ts":1700000000000,)"
+              R"("f":false,"n":""})",
+              Text(m));
     EXPECT_EQ(JSON::TypeReal, m.Set("r", 3.0).m_type);  // a double stays real without a '.'
-
-    // A real whose text starts with a letter has no JSON form: nothing is written for it.
-    JSON::Message odd;
-    odd.Set(0, HUGE_VAL);
-    odd.Set(1, 1);
-    EXPECT_EQ("[,1]", Text(odd));
-}
-
-TEST(DomValueTest, RefusedUpdatesStoreNothing) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"a":[1],"b":2})"));
-    const JSON::JSONValue* none = &JSON::JSONValue::None();
-    EXPECT_EQ(none, &m["a"].Set("x", 1));  // a name on an array
-    EXPECT_EQ(none, &m.Set(5, 1));         // an object does not grow by ordinal
-    EXPECT_EQ(none, &m.Set(-1, 1));
-    EXPECT_EQ(none, &m["missing"].Set("x", 1));  // writes through a miss
-    EXPECT_EQ(none, &m["missing"].Set(0, 1));
-    EXPECT_EQ(none, &m.Set(static_cast<const char*>(nullptr), 1));
-    EXPECT_EQ(R"({"a":[1],"b":2})", Text(m));
-    EXPECT_EQ(JSON::TypeNone, JSON::JSONValue::NonConstNone().m_type);
-    EXPECT_EQ(0, JSON::JSONValue::NonConstNone().Size());
-    EXPECT_EQ(3, m.Set(1, 3).AsInt());  // an existing member by ordinal
+    m.m_pComposite->Clear();
+    EXPECT_EQ(nullptr, m.m_pComposite->NameAt(0));
+    m.Set("x", 1);
+    EXPECT_EQ(R"({"x":1})", Text(m));
 }
 
 TEST(DomValueTest, NameLeftByACutOffObjectIsHarmless) {
-    // The parse stops after the name "z": one name entry more than members.
     JSON::Message m;
-    EXPECT_FALSE(m.Parse(R"({"b":1,"a":2,"z")"));
-    EXPECT_EQ(2, m.Size());
+    EXPECT_FALSE(m.Parse(R"({"b":1,"a":2,"z")"));  // one name more than members
     EXPECT_EQ(nullptr, m.GetByName("z"));
     EXPECT_EQ(nullptr, m.m_pComposite->NameAt(2));
-    EXPECT_EQ(R"({"b":1,"a":2})", Text(m));
     m.Set("c", 3);
+    EXPECT_STREQ("c", m.m_pComposite->NameAt(2));  // added, and not yet looked up
     m.Set("z", 4);
     EXPECT_EQ(R"({"b":1,"a":2,"c":3,"z":4})", Text(m));
     EXPECT_EQ(4, m["z"].AsInt());
-    JSON::Message copy(m);
-    EXPECT_EQ(Text(m), Text(copy));
+    EXPECT_EQ(Text(m), Text(JSON::Message(m)));
 }
 
-TEST(DomValueTest, ClearReleasesEverything) {
-    JSON::Message m;
-    ASSERT_TRUE(m.Parse(R"({"a":[{"b":[1,2]}],"c":{}})"));
-    m["a"][0].Set("owned", "text");
-    m.Set("more", "x");
-    m.m_pComposite->Clear();  // leak checks under ASan cover the release
-    EXPECT_EQ(0, m.Size());
-    EXPECT_TRUE(static_cast<JSON::ObjectValue*>(m.m_pComposite)->m_names.empty());
-    EXPECT_EQ("{}", Text(m));
+TEST(DomMessageTest, CopiesOwnTheirTextAndTree) {
+    std::string buffer = R"({"a":"one","b":[1,{"c":"two"}]})";
+    JSON::Message inPlace(true);
+    ASSERT_TRUE(inPlace.Parse(&buffer[0]));
+    inPlace["b"][1].Set("d", "owned");
+    inPlace.Set("e", 3);
+    auto* source = new JSON::Message(inPlace);
+    JSON::Message copy(*source);
+    EXPECT_TRUE(copy.m_bInPlace);
+    delete source;
+    buffer.assign(buffer.size(), 'X');  // the in-place source's text is gone too
+    inPlace.m_bInPlace = false;
+    ASSERT_TRUE(inPlace.Parse("[9]"));
+    EXPECT_EQ(R"({"a":"one","b":[1,{"c":"two","d":"owned"}],"e":3})", Text(copy));
+    JSON::Message assigned;
+    ASSERT_TRUE(assigned.Parse(R"({"old":[1,2,3]})"));
+    assigned = copy;
+    const JSON::Message& self = assigned;
+    assigned = self;
+    assigned.Set("e", 4);  // copies are independent of each other
+    EXPECT_EQ(3, copy["e"].AsInt());
+    EXPECT_EQ(R"({"a":"one","b":[1,{"c":"two","d":"owned"}],"e":4})", Text(assigned));
+    assigned = JSON::Message();
+    EXPECT_EQ("null", Text(assigned));
+    EXPECT_EQ(0, JSON::Message(assigned).Size());
 }
+
+TEST(DomMessageTest, CInterfaceFromC) { EXPECT_EQ(0, DomCExercise()); }
 
 }  // namespace

@@ -1,0 +1,173 @@
+// The writers: string escaping, number texts, the streaming writer's separators, refusals and
+// nesting bound, and the pretty printer's layout.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "json/JSONEscape.h"
+#include "json/JSONNumbers.h"
+#include "json/JSONPrettyPrint.h"
+#include "json/JSONSerialize.h"
+
+namespace {
+
+TEST(WriterEscapeTest, EscapesControlBytesQuotesAndBackslashesOnly) {
+    const char* const control[0x20] = {
+        "",        "\\u0001", "\\u0002", "\\u0003", "\\u0004", "\\u0005", "\\u0006", "\\u0007",
+        "\\b",     "\\t",     "\\n",     "\\u000b", "\\f",     "\\r",     "\\u000e", "\\u000f",
+        "\\u0010", "\\u0011", "\\u0012", "\\u0013", "\\u0014", "\\u0015", "\\u0016", "\\u0017",
+        "\\u0018", "\\u0019", "\\u001a", "\\u001b", "\\u001c", "\\u001d", "\\u001e", "\\u001f"};
+    std::string text = "\"\\", expected = "<\\\"\\\\";
+    for (int b = 0x01; b < 0x100; ++b) {
+        text.push_back(static_cast<char>(b));
+        if (b < 0x20) expected += control[b];
+        if (b >= 0x20) expected.push_back(b == '"' || b == '\\' ? '\\' : static_cast<char>(b));
+        if (b == '"' || b == '\\') expected.push_back(static_cast<char>(b));
+    }
+    std::string out = "<";  // appended to, never cleared
+    JSON::EscapeString(out, text.c_str());
+    JSON::EscapeString(out, nullptr);
+    EXPECT_EQ(expected, out);
+}
+
+// Doubles of moderate size take a path of their own; their texts must still be exactly the
+// C library's, at rounding ties and at the ends of the plain-decimal range.
+TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
+    std::vector<double> values = {1e-4, 0.000099999995, 999999.5, 999999.49999999, 1e6, 0.3};
+    std::mt19937_64 rng(20261123);
+    std::uniform_real_distribution<double> decade(-6.0, 7.0);
+    for (int i = 0; i < 50000; ++i) values.push_back(std::pow(10.0, decade(rng)));
+    for (long d = 100000; d < 1000000; d += 997) {
+        for (int k = -10; k <= 0; ++k) {
+            const double tie = (static_cast<double>(d) + 0.5) * std::pow(10.0, k);
+            values.insert(values.end(), {tie, std::nextafter(tie, 0.0), std::nextafter(tie, 1e9)});
+        }
+    }
+    for (double v : values) {
+        for (double sample : {v, -v}) {
+            char ours[32];
+            char theirs[32];
+            DoubleToStr(sample, ours, sizeof ours);
+            std::snprintf(theirs, sizeof theirs, "%g", sample);
+            ASSERT_STREQ(theirs, ours) << std::hexfloat << sample;
+        }
+    }
+}
+
+TEST(WriterSerializeTest, WritesCompactText) {
+    JSON::Serialize w;
+    w.OO().N("a").V(1).N("b").AO().V("x").V(2.5).AC().N("q\"\n").V("say \"hi\"").OC();
+    w.AO().V(1).V(2).AO().AC().OO().OC().V(static_cast<const char*>(nullptr)).AC();
+    w.AO().JS(R"({"x":1})").JS("").JS(nullptr).JS_N("[1,2]tail", 5);
+    w.JS_N("x", 0).JS_N("", 3).JS_N(nullptr, -1);
+    w.AppendString("true");
+    w.AppendString(nullptr);
+    w.V(-5).V(4294967295UL).V(0.5).V(INT_MIN).V(LLONG_MIN).V(ULLONG_MAX).V(4000000000U);
+    w.V(int64_t{10000000000}).V(SIZE_MAX).AC();  // long or long long by target, whole either way
+    EXPECT_EQ(R"({"a":1,"b":["x",2.5],"q\"\n":"say \"hi\""}[1,2,[],{},null])"
+              R"([{"x":1},null,null,[1,2],,null,null,true,null,-5,4294967295,0.5,-2147483648,)"
+              R"(-9223372036854775808,18446744073709551615,4000000000,10000000000,)" +
+                  std::to_string(SIZE_MAX) + "]",
+              w.String());
+    EXPECT_FALSE(w.m_error);
+}
+
+TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
+    // Each case's last call is the refused one; the text is what came before it.
+    const struct {
+        void (*calls)(JSON::Serialize&);
+        const char* text;
+    } cases[] = {
+        {[](JSON::Serialize& w) { w.V(1); }, ""},
+        {[](JSON::Serialize& w) { w.AppendString("1"); }, ""},
+        {[](JSON::Serialize& w) { w.AO().AC().N("a"); }, "[]"},
+        {[](JSON::Serialize& w) { w.OC(); }, ""},
+        {[](JSON::Serialize& w) { w.OO().N("a").AO().N("b"); }, R"({"a":[)"},
+        {[](JSON::Serialize& w) { w.OO().N("a").N("b"); }, R"({"a":)"},
+        {[](JSON::Serialize& w) { w.OO().N(nullptr); }, "{"},
+        {[](JSON::Serialize& w) { w.OO().N("a").V(1).JS("2"); }, R"({"a":1)"},
+        {[](JSON::Serialize& w) { w.OO().OO(); }, "{"},
+        {[](JSON::Serialize& w) { w.AO().V(1).OC(); }, "[1"},
+        {[](JSON::Serialize& w) { w.OO().AC(); }, "{"},
+        {[](JSON::Serialize& w) { w.AO().JS_N("1", -1); }, "["},
+    };
+    for (const auto& c : cases) {
+        JSON::Serialize w;
+        c.calls(w);
+        EXPECT_TRUE(w.m_error) << c.text;
+        w.AO().OO().N("z").V("v").V(1).JS("2").JS_N("3", 1).V(1.5).OC().AC();
+        w.AppendString("4");
+        EXPECT_EQ(c.text, w.String());
+        EXPECT_TRUE(w.m_error) << c.text;
+    }
+}
+
+TEST(WriterSerializeTest, NestsThirtyTwoLevelsAndRefusesTheNext) {
+    JSON::Serialize w;
+    std::string expected;
+    for (int i = 0; i < 16; ++i, expected += R"([{"k":)") w.AO().OO().N("k");
+    w.V(true);
+    expected += "1";
+    for (int i = 0; i < 16; ++i, expected += "},[]]") w.OC().AO().AC().AC();
+    w.OO().OC();  // a second top-level container follows without a separator
+    EXPECT_EQ(expected + "{}", w.String());
+    EXPECT_FALSE(w.m_error);
+    JSON::Serialize deep;
+    for (int i = 0; i < 33; ++i) deep.AO();
+    EXPECT_TRUE(deep.m_error);
+    EXPECT_EQ(std::string(32, '['), deep.String());
+}
+
+std::string Pretty(const std::string& text) {
+    std::string out = "left over";
+    JSON_PrettyPrint(text.c_str(), out);
+    return out;
+}
+
+TEST(WriterPrettyPrintTest, LaysOutBracketsAndCommas) {
+    const char* const cases[][2] = {
+        {R"({"a":1,"b":[true,null,"x"]})",
+         "\n{\n\t\"a\":1,\n\t\"b\":\n\t[\n\t\ttrue,null,\"x\"\n\t]\n}"},
+        {"", ""},
+        {"[]", "\n[\n\t\n]"},
+        {"[[1],{}]", "\n[\n\t\n\t[\n\t\t1\n\t],\n\t{\n\t\t\n\t}\n]"},
+        {"{ \"a\" : 1 }", "\n{\n\t \"a\" : 1 \n}"},
+        {R"({"a":"x,y"})", "\n{\n\t\"a\":\"x,\n\ty\"\n}"},  // strings are not told apart
+        {R"(["[,"])", "\n[\n\t\"\n\t[\n\t\t,\"\n\t]"},
+        {"]},[1,2]", "\n]\n},\n\n[\n1,2\n]"},  // below depth 0 no tab is written
+        {"{]]{", "\n{\n\t\n]\n]\n{\n"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c[1], Pretty(c[0])) << c[0];
+    std::string out = "left over";
+    JSON_PrettyPrint(nullptr, out);
+    EXPECT_EQ("", out);
+    const std::string run(30000, 'r');
+    EXPECT_EQ("\n[\n\t\"" + run + "\",1\n]", Pretty("[\"" + run + "\",1]"));
+}
+
+// Forty levels: a line break takes more tabs than one short store, and after runs of "1," the
+// tabs of one break straddle the end of the printer's output block somewhere.
+TEST(WriterPrettyPrintTest, DeepLinesAcrossTheOutputBlocks) {
+    const std::string deep = std::string(41, '[') + "0" + std::string(41, ']');
+    std::string expected, closing;
+    for (size_t depth = 0; depth <= 40; ++depth) {
+        expected += "\n" + std::string(depth, '\t') + "[\n" + std::string(depth + 1, '\t');
+        closing = "\n" + std::string(depth, '\t') + "]" + closing;
+    }
+    expected += "0" + closing;
+    EXPECT_EQ(expected, Pretty(deep));
+    std::string ones(7800, '1');
+    for (size_t i = 1; i < ones.size(); i += 2) ones[i] = ',';
+    for (; ones.size() < 8400; ones += "1,") {
+        ASSERT_EQ("\n[\n\t" + ones + expected.substr(4), Pretty("[" + ones + deep.substr(1)));
+    }
+}
+
+}  // namespace
