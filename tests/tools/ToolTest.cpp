@@ -250,6 +250,7 @@ TEST_F(ToolTest, PingRidesThroughAServerRestart) {
         echoed.push_back(std::string("push ") + slot + ": 3 sent, 3 echoed, 0 bad, 0 missing\n");
     }
     std::unique_ptr<CTool> serve(new CTool(m_guid, serveArgs));
+    ASSERT_TRUE(serve->waitForOut({"serving " + m_guid + "\n"})) << serve->err();
     const Args pingArgs = {
         "ping", "--guid", m_guid, "--count", "100000000", "--json", "--connect-timeout", "60"};
     Args twoArgs = pingArgs, strictArgs = pingArgs;
