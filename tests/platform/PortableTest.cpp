@@ -62,17 +62,18 @@ TEST(PortableTest, SleepLastsItsTimeThroughSignals) {
     struct sigaction noRestart = {};
     noRestart.sa_handler = NoOp;
     ASSERT_EQ(0, sigaction(SIGUSR1, &noRestart, nullptr));
-    std::atomic<bool> done{false};
-    const pthread_t sleeper = pthread_self();
-    std::thread signaller([&] {
-        for (; !done.load(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
-            pthread_kill(sleeper, SIGUSR1);
+    std::atomic<long long> slept{-1};
+    std::thread sleeper([&] {
+        const unsigned long long start = CPortable::GetTickCountULL();
+        CPortable::Sleep(100);
+        slept.store(static_cast<long long>(CPortable::GetTickCountULL() - start));
     });
-    const unsigned long long start = CPortable::GetTickCountULL();
-    CPortable::Sleep(100);
-    EXPECT_GE(CPortable::GetTickCountULL() - start, 100ull);
-    done.store(true);
-    signaller.join();
+    while (slept.load() < 0) {
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    sleeper.join();
+    EXPECT_GE(slept.load(), 100);
 }
 
 // The process id is cached; a child made by fork() must still report its own.
