@@ -23,14 +23,12 @@ TEST(PortableTest, NumberTextsAsTheCLibraryWritesThem) {
                   CPortable::ulltos(static_cast<unsigned long long>(v)));
     }
     // Other radices print the bits of the value's own width; a radix out of range prints nothing.
-    const std::pair<int, const char*> radices[] = {{16, "ffffffff"},
-                                                   {2, "11111111111111111111111111111111"},
-                                                   {36, "1z141z3"},
-                                                   {1, ""},
-                                                   {37, ""}};
+    const std::pair<int, const char*> radices[] = {
+        {16, "ffffffff"}, {36, "1z141z3"}, {1, ""}, {37, ""}};
     for (const auto& r : radices)
         EXPECT_STREQ(r.second, CPortable::itoa(-1, buf, r.first)) << r.first;
     EXPECT_STREQ("z", CPortable::ltoa(35, buf, 36));
+    EXPECT_STREQ("101", CPortable::ltoa(5, buf, 2));
     EXPECT_EQ(ULLONG_MAX, CPortable::stoull("99999999999999999999999"));
     EXPECT_EQ(42ull, CPortable::stoull("  42xyz"));
     EXPECT_EQ(0ull, CPortable::stoull("abc"));
@@ -55,13 +53,9 @@ TEST(PortableTest, CreateThreadRunsDetachedWithItsNameCutToFifteenCharacters) {
     delete name.load();
 }
 
-void NoOp(int) {}
-
-// Signals interrupt nanosleep(); the sleep goes on with what is left.
+// Signals interrupt nanosleep(), with or without SA_RESTART; the sleep goes on with what is left.
 TEST(PortableTest, SleepLastsItsTimeThroughSignals) {
-    struct sigaction noRestart = {};
-    noRestart.sa_handler = NoOp;
-    ASSERT_EQ(0, sigaction(SIGUSR1, &noRestart, nullptr));
+    ASSERT_NE(SIG_ERR, signal(SIGUSR1, [](int) {}));
     std::atomic<long long> slept{-1};
     std::thread sleeper([&] {
         const unsigned long long start = CPortable::GetTickCountULL();
