@@ -35,18 +35,16 @@ class CTool {
 public:
     CTool(const std::string& guid, Args args, const std::string& input = "") {
         static int runs = 0;
-        const std::string base = "/tmp/" + guid + "-run" + std::to_string(++runs);
-        m_out = base + ".out";
-        m_err = base + ".err";
-        std::ofstream(base + ".in") << input;
+        m_base = "/tmp/" + guid + "-run" + std::to_string(++runs);
+        std::ofstream(m_base + ".in") << input;
         args.insert(args.begin(), QVIPC_TOOL_PATH);
         if (qvtest::Emulator()[0] != '\0') args.insert(args.begin(), qvtest::Emulator());
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
-        const int fds[] = {open((base + ".in").c_str(), O_RDONLY | O_CLOEXEC),
-                           open(m_out.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600),
-                           open(m_err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
+        const int fds[] = {open((m_base + ".in").c_str(), O_RDONLY | O_CLOEXEC),
+                           open((m_base + ".out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600),
+                           open((m_base + ".err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)};
         m_pid = fork();
         if (m_pid == 0) {
             for (int i = 0; i < 3; ++i) dup2(fds[i], i);
@@ -68,8 +66,8 @@ public:
         }
         return m_status;
     }
-    std::string out() const { return ReadFile(m_out); }
-    std::string err() const { return ReadFile(m_err); }
+    std::string out() const { return ReadFile(m_base + ".out"); }
+    std::string err() const { return ReadFile(m_base + ".err"); }
     // Waits until the output holds every one of texts.
     bool waitForOut(const Args& texts) const {
         return qvtest::WaitFor(
@@ -84,7 +82,7 @@ public:
 private:
     pid_t m_pid = -1;
     int m_status = -1;
-    std::string m_out, m_err;
+    std::string m_base;
 };
 
 class ToolTest : public testing::Test {
@@ -156,11 +154,9 @@ TEST_F(ToolTest, CommandsThatAnswerAtOnce) {
     // Where a document breaks: line and column from 1 (counting characters), byte from 0.
     Expect(1, "qvipc json pretty: empty document", {"json", "pretty"}, "  \n");
     Expect(1, "not an object or an array (line 1, column 1, byte 0)", {"json", "check"}, "42");
-    Expect(1, "not valid JSON (reading stopped at line 1, column 6, byte 5)", {"json", "check"},
-           "{\"a\":}");
     Expect(1, "qvipc json check: the document ends before its closing bracket", {"json", "check"},
            "{\"a\":1,");
-    Expect(1, "(reading stopped at line 2, column 7, byte 11)", {"json", "check"},
+    Expect(1, "not valid JSON (reading stopped at line 2, column 7, byte 11)", {"json", "check"},
            "[1,\n\t\"\xc3\xa9\", x]");
     Expect(1, "after the document (line 3, column 3, byte 6)", {"json", "check"}, "{}\n\n  x");
     Expect(0,
