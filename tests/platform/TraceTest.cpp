@@ -32,7 +32,7 @@ TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
     QVSetLogCallback(&Capture, &lines);
     qvTrace("no utility");
     CreateTraceUtility();
-    CreateTraceUtility();
+    CreateCTraceUtility(nullptr, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);  // counted only
     DestroyCTraceUtility(&g_ptu);
     const std::string big(5000, 'x');
     qvTrace("CQVIPCLibraryImpl::initialize (0x%08X)", 0x1234ABCDu);
