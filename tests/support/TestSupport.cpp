@@ -8,11 +8,14 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <thread>
@@ -63,7 +66,8 @@ static void RemoveMatching(const char* dir, const std::string& needle) {
     while (dirent* e = readdir(d)) {
         const std::string entry = e->d_name;
         if (entry.find(needle) != std::string::npos) {
-            unlink((std::string(dir) + "/" + entry).c_str());
+            const std::string path = std::string(dir) + "/" + entry;
+            if (unlink(path.c_str()) != 0 && errno == EISDIR) rmdir(path.c_str());
         }
     }
     closedir(d);
@@ -83,5 +87,50 @@ std::string SelfExe() {
 }
 
 const char* Emulator() { return QVIPC_TEST_EMULATOR; }
+
+CHeldChild::CHeldChild(const std::function<bool()>& body) {
+    int up[2];
+    int down[2];
+    if (pipe(up) != 0) return;
+    if (pipe(down) != 0) {
+        close(up[0]);
+        close(up[1]);
+        return;
+    }
+    m_pid = fork();
+    if (m_pid == 0) {
+        // A byte, not end of file, lets go: other children may hold copies of the write end.
+        const char result = body() ? 'y' : 'n';
+        char c = 0;
+        _exit(write(up[1], &result, 1) == 1 && read(down[0], &c, 1) == 1 ? 0 : 1);
+    }
+    close(up[1]);
+    close(down[0]);
+    m_fdToChild = down[1];
+    char result = 'n';
+    m_bOk = m_pid > 0 && read(up[0], &result, 1) == 1 && result == 'y';
+    close(up[0]);
+}
+
+CHeldChild::~CHeldChild() {
+    kill();
+    if (m_fdToChild != -1) close(m_fdToChild);
+}
+
+bool CHeldChild::letGo() {
+    const char c = 'g';
+    if (m_pid <= 0 || write(m_fdToChild, &c, 1) != 1) return false;
+    int status = 0;
+    const bool reaped = waitpid(m_pid, &status, 0) == m_pid;
+    m_pid = -1;
+    return reaped && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void CHeldChild::kill() {
+    if (m_pid <= 0) return;
+    ::kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+}
 
 }  // namespace qvtest

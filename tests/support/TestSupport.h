@@ -1,5 +1,6 @@
 // Helpers shared by every test program: unique guids, waiting on a condition with a deadline,
-// counting the process's descriptors, and the path of the running test binary for re-exec.
+// counting the process's descriptors, the path of the running test binary for re-exec, and a
+// forked child that holds something for as long as a test needs.
 #ifndef TESTS_SUPPORT_TESTSUPPORT_H_
 #define TESTS_SUPPORT_TESTSUPPORT_H_
 
@@ -19,12 +20,33 @@ bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds deadli
 // Number of entries in /proc/self/fd.
 int CountOpenFds();
 
-// Removes every /tmp entry whose name starts with guid and the guid's shared objects.
+// Removes every /tmp entry whose name holds guid (empty folders too) and its shared objects.
 void RemoveGuidFiles(const std::string& guid);
 
 // Path of the running executable and the emulator to exec it through ("" when native).
 std::string SelfExe();
 const char* Emulator();
+
+// A forked child that runs body() and then holds on to what it took until it is let go (it
+// exits) or killed; the destructor kills it. For what another process sees: a lock held by a
+// live or a dead process, a counter that another process changed.
+class CHeldChild {
+public:
+    // Returns once body() has returned in the child.
+    explicit CHeldChild(const std::function<bool()>& body);
+    ~CHeldChild();
+    CHeldChild(const CHeldChild&) = delete;
+    CHeldChild& operator=(const CHeldChild&) = delete;
+
+    bool ok() const { return m_bOk; }  // body() returned true
+    bool letGo();                      // lets it exit; true when it exited with status 0
+    void kill();                       // SIGKILL at once, and reaps it
+
+private:
+    int m_pid = -1;
+    int m_fdToChild = -1;
+    bool m_bOk = false;
+};
 
 }  // namespace qvtest
 
