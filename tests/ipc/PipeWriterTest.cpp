@@ -13,7 +13,6 @@
 
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
-#include "tests/ipc/IpcTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -212,7 +211,7 @@ TEST(PipeWriterTest, WritingToAFifoWithoutReaderFailsWithEpipeAndTheProcessLives
     qvtest::RemoveGuidFiles(guid);
 }
 
-TEST(PipeWriterTest, ClearNonBlockMakesReadsBlockAndLogsAFailure) {
+TEST(PipeWriterTest, ClearNonBlockMakesReadsBlock) {
     const std::string guid = qvtest::TestGuid();
     CQVIPCLibraryImpl impl("t", guid, 1, 1, 0, NO_TIMEOUT);
     int fds[2];
@@ -221,18 +220,9 @@ TEST(PipeWriterTest, ClearNonBlockMakesReadsBlockAndLogsAFailure) {
     const int before = fcntl(fds[0], F_GETFL);
     impl.clearO_NONBLOCK(fds[0]);
     EXPECT_EQ(before & ~O_NONBLOCK, fcntl(fds[0], F_GETFL));
+    impl.clearO_NONBLOCK(-1);  // no descriptor, nothing done
     close(fds[0]);
     close(fds[1]);
-
-    ipctest::LineCapture capture;
-    impl.clearO_NONBLOCK(-1);  // no call, no line
-    EXPECT_TRUE(capture.lines().empty());
-    impl.clearO_NONBLOCK(fds[0]);  // closed now
-    EXPECT_EQ(std::vector<std::string>({"L/0/64 (Error) CQVIPCLibraryImpl::clearO_NONBLOCK (" +
-                                        ipctest::addressText(&impl) + "), fcntl failed: fd " +
-                                        std::to_string(fds[0]) + ", errno " +
-                                        std::to_string(EBADF) + " -1"}),
-              capture.lines());
     qvtest::RemoveGuidFiles(guid);
 }
 
