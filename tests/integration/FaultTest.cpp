@@ -129,16 +129,7 @@ TEST_F(FaultTest, HeaderOfUnknownTypeYieldsAnEmptyResultAndItsBodyIsNotRead) {
     ASSERT_EQ(0u, raw.connect());
     ASSERT_TRUE(pair.serverLoop->waitConnections(2));
     // Type 7 announces 100 bytes that never come; the data request right behind it is read.
-    qvframe::RequestHeader unknown, data;
-    unknown.type = 7;
-    unknown.requestId = 1;
-    unknown.bodySize = 100;
-    unknown.requestType = 3;
-    data.type = qvframe::TYPE_DATA;
-    data.requestId = 2;
-    data.bodySize = 4;
-    data.requestType = 9;
-    ASSERT_TRUE(raw.send(Frame(unknown) + Frame(data) + "body"));
+    ASSERT_TRUE(raw.send(Frame(7, 1, 100, 3) + Frame(qvframe::TYPE_DATA, 2, 4, 9) + "body"));
     ASSERT_TRUE(pair.serverLoop->waitResult(S_OK, 2, 2));
     std::vector<Received> got;
     for (const Received& r : pair.serverLoop->results()) {
@@ -165,11 +156,7 @@ TEST_F(FaultTest, BodyCutShortByADyingWriterIsAFailedRead) {
         ASSERT_EQ(0u, raw.connect());
         ASSERT_TRUE(pair.serverLoop->waitConnections(i + 2));
         EXPECT_EQ(2ul, pair.serverLoop->connections().back());  // the freed slot taken again
-        qvframe::RequestHeader h;
-        h.type = qvframe::TYPE_DATA;
-        h.bodySize = announced[i];
-        h.requestType = 4;
-        ASSERT_TRUE(raw.send(Frame(h) + "0123456789", true));
+        ASSERT_TRUE(raw.send(Frame(qvframe::TYPE_DATA, 0, announced[i], 4) + "0123456789", true));
         ASSERT_TRUE(WaitFor(
             [&] {
                 return pair.serverLoop->count(QVIPC_E_READ, 2) +
@@ -216,13 +203,8 @@ TEST_F(FaultTest, ClientThatStopsReadingCostsTheOthersOnlyTheSendTimeOut) {
     ASSERT_TRUE(serverLoop.waitConnections(2));
     // Three 30000-byte requests, each once the one before was taken: their echoes overfill the
     // slow client's 64 KiB FIFO.
-    qvframe::RequestHeader h;
-    h.type = qvframe::TYPE_DATA;
-    h.bodySize = 30000;
-    h.requestType = 1;
     for (uint32_t i = 1; i <= 3; ++i) {
-        h.requestId = i;
-        ASSERT_TRUE(slow.send(Frame(h) + std::string(30000, 's')));
+        ASSERT_TRUE(slow.send(Frame(qvframe::TYPE_DATA, i, 30000, 1) + std::string(30000, 's')));
         ASSERT_TRUE(serverLoop.waitResult(S_OK, i));
     }
     ExpectRoundTrip(*client, "still served");

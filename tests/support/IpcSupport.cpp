@@ -283,7 +283,12 @@ bool WaitFifoDrained(const std::string& path) {
     return drained;
 }
 
-std::string Frame(const qvframe::RequestHeader& h) {
+std::string Frame(uint32_t type, uint32_t requestId, uint32_t bodySize, int32_t requestType) {
+    qvframe::RequestHeader h;
+    h.type = type;
+    h.requestId = requestId;
+    h.bodySize = bodySize;
+    h.requestType = requestType;
     qvframe::RequestFrame frame;
     qvframe::buildRequest(frame, h, nullptr, 0);
     return std::string(reinterpret_cast<const char*>(frame), sizeof frame);

@@ -112,7 +112,7 @@ bool WriteFull(int fd, const void* buf, size_t len);
 bool WaitFifoDrained(const std::string& path);
 
 // A request header or admin record, built by the library's own builder.
-std::string Frame(const qvframe::RequestHeader& h);
+std::string Frame(uint32_t type, uint32_t requestId, uint32_t bodySize, int32_t requestType);
 std::string Record(uint32_t type, uint32_t connectId, uint32_t pid, int32_t requestType = 0);
 // Writes bytes into the service's admin FIFO in one write.
 bool WriteAdmin(const std::string& guid, const std::string& bytes);
