@@ -13,53 +13,6 @@
 
 namespace qvbench {
 
-std::string NewGuid() {
-    static std::atomic<int> counter{0};
-    return "qvbench-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
-static void RemoveMatching(const char* dir, const std::string& needle) {
-    DIR* d = opendir(dir);
-    if (d == nullptr) return;
-    std::vector<std::string> doomed;
-    while (dirent* e = readdir(d)) {
-        const std::string entry = e->d_name;
-        if (entry.find(needle) != std::string::npos)
-            doomed.push_back(std::string(dir) + "/" + entry);
-    }
-    closedir(d);
-    for (const std::string& path : doomed) unlink(path.c_str());
-}
-
-void RemoveGuidFiles(const std::string& guid) {
-    RemoveMatching("/tmp", guid);
-    RemoveMatching("/dev/shm", guid);
-}
-
-bool ReadFull(int fd, void* buf, size_t len) {
-    char* p = static_cast<char*>(buf);
-    while (len > 0) {
-        const ssize_t n = read(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool WriteFull(int fd, const void* buf, size_t len) {
-    const char* p = static_cast<const char*>(buf);
-    while (len > 0) {
-        const ssize_t n = write(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 bool MakePipe(int fds[2]) { return pipe2(fds, O_CLOEXEC) == 0; }
 
 pid_t SpawnSelf(const std::vector<std::string>& args, const std::vector<int>& keepFds) {

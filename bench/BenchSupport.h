@@ -1,5 +1,5 @@
-// Helpers shared by the benchmark programs: unique service names and their clean-up, whole
-// reads and writes, child processes of the running program, and latency percentiles.
+// Helpers shared by the benchmark programs on top of the tests' support library: child processes of
+// the running program, and latency percentiles.
 #ifndef BENCH_BENCHSUPPORT_H_
 #define BENCH_BENCHSUPPORT_H_
 
@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/IpcSupport.h"
+
 namespace qvbench {
 
 using Clock = std::chrono::steady_clock;
@@ -19,14 +21,11 @@ inline double SecondsSince(Clock::time_point t0) {
     return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-// A lower-case name no other run or process uses: "qvbench-<pid>-<n>".
-std::string NewGuid();
-// Removes every entry of /tmp and /dev/shm whose name contains guid.
-void RemoveGuidFiles(const std::string& guid);
-
-// Loops over short transfers; false on end of file or an error other than EINTR.
-bool ReadFull(int fd, void* buf, size_t len);
-bool WriteFull(int fd, const void* buf, size_t len);
+// Service names of their own and their clean-up, and whole reads and writes: the tests' own.
+inline std::string NewGuid() { return qvtest::TestGuid(); }
+using qvtest::ReadFull;
+using qvtest::RemoveGuidFiles;
+using qvtest::WriteFull;
 
 // Runs this program again with args (argv[1] onwards) in a child; fds listed in keepFds stay
 // open in it, every other descriptor made here is close-on-exec. Returns the child's pid.

@@ -27,7 +27,10 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
     list(GET CMAKE_CROSSCOMPILING_EMULATOR 0 QVIPC_TEST_EMULATOR)
 endif()
 
-add_library(qvipc_test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support/TestSupport.cpp)
+# The one support library of every test program, reliability program, fuzz harness and
+# benchmark. Its transport helpers take the library's symbols from the program that links them.
+add_library(qvipc_test_support STATIC ${PROJECT_SOURCE_DIR}/tests/support/TestSupport.cpp
+    ${PROJECT_SOURCE_DIR}/tests/support/IpcSupport.cpp)
 target_include_directories(qvipc_test_support PUBLIC ${PROJECT_SOURCE_DIR})
 target_compile_definitions(qvipc_test_support PUBLIC
     QVIPC_TEST_EMULATOR="${QVIPC_TEST_EMULATOR}")
@@ -51,7 +54,11 @@ function(qvipc_add_gtest name)
     if(NOT T_NO_MAIN)
         target_link_libraries(${name} PRIVATE GTest::gtest_main)
     endif()
+    # A list of labels must reach the generated test file as one value. On its way there every
+    # unquoted expansion (in CMake and in the shell of the discovery step) takes one backslash
+    # off an escaped semicolon: eight backslashes see it through.
+    string(REPLACE ";" [=[\\\\\\\\;]=] _labels "${T_LABELS}")
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 120
-        PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}")
+        PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${_labels}")
 endfunction()

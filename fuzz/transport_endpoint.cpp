@@ -19,11 +19,14 @@
 #include <vector>
 
 #include "QVIPC/QVIPCLibrary/QVIPCLibrary.h"
+#include "tests/support/IpcSupport.h"
 
 namespace transportfuzz {
 
 namespace {
 
+using qvtest::RemoveGuidFiles;
+using qvtest::WriteFull;
 using Clock = std::chrono::steady_clock;
 constexpr unsigned long NO_TIMEOUT = 0xFFFFFFFFul;
 constexpr unsigned long EXT_SIZE = 48;
@@ -42,30 +45,6 @@ uint32_t Word(const uint8_t* p) {
 }
 
 void SetWord(uint8_t* p, uint32_t v) { memcpy(p, &v, sizeof v); }
-
-bool WriteAll(int fd, const uint8_t* data, size_t size) {
-    while (size > 0) {
-        const ssize_t n = write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-void RemoveGuidFiles(const std::string& guid) {
-    for (const char* dir : {"/tmp", "/dev/shm"}) {
-        DIR* d = opendir(dir);
-        if (d == nullptr) continue;
-        while (dirent* e = readdir(d)) {
-            if (strncmp(e->d_name, guid.c_str(), guid.size()) == 0) {
-                unlink((std::string(dir) + "/" + e->d_name).c_str());
-            }
-        }
-        closedir(d);
-    }
-}
 
 class Live {
 public:
@@ -158,7 +137,7 @@ public:
             // a torn one and be taken as part of the fuzzed stream.
             const int level = open(requestPath().c_str(), O_RDONLY | O_NONBLOCK);
             fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-            if (!bytes.empty() && !WriteAll(fd, bytes.data(), bytes.size())) fail("write failed");
+            if (!bytes.empty() && !WriteFull(fd, bytes.data(), bytes.size())) fail("write failed");
             close(fd);
             if (level >= 0) {
                 waitEmpty(level);
@@ -232,7 +211,7 @@ private:
     void writeAdmin(const uint8_t* data, size_t size) {
         if (size == 0) return;
         const int fd = open(path("-svr-admin").c_str(), O_WRONLY);
-        if (fd < 0 || !WriteAll(fd, data, size)) fail("admin write failed");
+        if (fd < 0 || !WriteFull(fd, data, size)) fail("admin write failed");
         close(fd);
     }
 

@@ -1,19 +1,65 @@
-// The test programs' main: with --peer=<role>,<guid> this binary is a peer process of a test
-// (a server or client to kill and restart); otherwise it runs the tests.
-#include <gtest/gtest.h>
+// The integration programs' main: with --peer=<role>,<guid> this binary is a peer process of a
+// test (a server or client to kill and restart); otherwise it runs the tests.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstring>
-#include <string>
+#include "tests/integration/ReadmeExample.h"
+#include "tests/support/IpcSupport.h"
 
-#include "tests/integration/IntegrationSupport.h"
+using namespace qvtest;
+
+namespace {
+
+// An echo server for 8 clients, until it is killed.
+int EchoServer(const std::string& guid) {
+    auto server = MakeServer(guid, 8);
+    if (server->initialize() != 0) return 3;
+    RequestLoop loop(*server);
+    for (;;) pause();
+}
+
+// Sends requests without pause, until it is killed.
+int BusyClient(const std::string& guid) {
+    auto client = MakeClient(guid);
+    if (client->initialize() != 0) return 3;
+    for (;;) {
+        if (SendWhenConnected(*client, Pattern(100, 7)) == 0) ReceiveResponse(*client);
+    }
+}
+
+// Takes the first admin record and dies, as a server killed right after it read a CONNECT:
+// 0 when it was one.
+int SwallowConnect(const std::string& guid) {
+    const std::string admin = "/tmp/" + guid + "-svr-admin";
+    mknod(admin.c_str(), S_IFIFO | 0666, 0);
+    const int fd = open(admin.c_str(), O_RDWR);
+    qvframe::RequestFrame record;
+    if (fd == -1 || !ReadFull(fd, record, sizeof record)) return 3;
+    return qvframe::parseRequest(record).type == qvframe::TYPE_CONNECT ? 0 : 4;
+}
+
+int ReadmeServer(const std::string& guid) {
+    readme::Server(guid);
+    return 0;
+}
+
+// Connects, then leaves main without finalize: only the process's pipe-name registry cleans
+// up. Held by a static, so that a leak checker at exit sees it as reachable.
+int ExitClient(const std::string& guid) {
+    static CQVIPCLibrary* client = nullptr;
+    client = MakeClient(guid).release();
+    if (client->initialize() != 0) return 3;
+    return ReceiveRequest(*client).hr == QVIPC_E_NEW_CONNECTION ? 0 : 4;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-    const char prefix[] = "--peer=";
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], prefix, sizeof prefix - 1) == 0) {
-            return itest::RunPeer(argv[i] + sizeof prefix - 1);
-        }
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    return PeerMain(argc, argv,
+                    {{"server", EchoServer},
+                     {"client", BusyClient},
+                     {"swallow-connect", SwallowConnect},
+                     {"readme-server", ReadmeServer},
+                     {"exit-client", ExitClient}});
 }

@@ -13,7 +13,6 @@
 
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
-#include "tests/ipc/IpcTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -69,28 +68,6 @@ TEST(PipeWriterTest, AsynchronousWriteIntoAFullPipeFailsAfterItsBudgetAndNotBefo
     EXPECT_GE(msSince(start), 1000);
     EXPECT_EQ(0, writer.write(full.fds[1], "x", 0, 1));
     EXPECT_EQ(0, writer.write(full.fds[1], "x", -5, 1));
-}
-
-TEST(PipeWriterTest, AsynchronousWriteWaitsForRoomAndDeliversEverything) {
-    FullPipe full;
-    ASSERT_NE(-1, full.fds[1]);
-    // The reader drains everything while the writer is blocked; the write then goes through.
-    std::thread reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        char buf[4096];
-        long total = 0;
-        while (total < 65536 + 100000) {
-            const ssize_t n = read(full.fds[0], buf, sizeof(buf));
-            if (n <= 0) break;
-            total += n;
-        }
-    });
-    CPIPEIOAsynchronous writer(nullptr);
-    const std::vector<char> big(100000, 'b');
-    const int written =
-        writer.write(full.fds[1], big.data(), static_cast<int>(big.size()), NO_TIMEOUT);
-    reader.join();
-    EXPECT_EQ(100000, written);
 }
 
 // Records the budget each element of a gather write gets; the first element takes 1.1 s.
@@ -212,7 +189,7 @@ TEST(PipeWriterTest, WritingToAFifoWithoutReaderFailsWithEpipeAndTheProcessLives
     qvtest::RemoveGuidFiles(guid);
 }
 
-TEST(PipeWriterTest, ClearNonBlockMakesReadsBlockAndLogsAFailure) {
+TEST(PipeWriterTest, ClearNonBlockMakesReadsBlock) {
     const std::string guid = qvtest::TestGuid();
     CQVIPCLibraryImpl impl("t", guid, 1, 1, 0, NO_TIMEOUT);
     int fds[2];
@@ -221,18 +198,9 @@ TEST(PipeWriterTest, ClearNonBlockMakesReadsBlockAndLogsAFailure) {
     const int before = fcntl(fds[0], F_GETFL);
     impl.clearO_NONBLOCK(fds[0]);
     EXPECT_EQ(before & ~O_NONBLOCK, fcntl(fds[0], F_GETFL));
+    impl.clearO_NONBLOCK(-1);  // no descriptor, nothing done
     close(fds[0]);
     close(fds[1]);
-
-    ipctest::LineCapture capture;
-    impl.clearO_NONBLOCK(-1);  // no call, no line
-    EXPECT_TRUE(capture.lines().empty());
-    impl.clearO_NONBLOCK(fds[0]);  // closed now
-    EXPECT_EQ(std::vector<std::string>({"L/0/64 (Error) CQVIPCLibraryImpl::clearO_NONBLOCK (" +
-                                        ipctest::addressText(&impl) + "), fcntl failed: fd " +
-                                        std::to_string(fds[0]) + ", errno " +
-                                        std::to_string(EBADF) + " -1"}),
-              capture.lines());
     qvtest::RemoveGuidFiles(guid);
 }
 

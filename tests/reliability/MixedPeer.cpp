@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "QVIPC/QVIPCLibrary/QVIPCLibrary.h"
-#include "tests/reliability/ReliabilitySupport.h"
+#include "tests/support/IpcSupport.h"
 
 namespace {
 
@@ -27,9 +27,9 @@ constexpr size_t SIZE_COUNT = sizeof SIZES / sizeof SIZES[0];
 constexpr int TYPE_DATA = 5;
 constexpr int TYPE_BYE = 9;
 
-std::string Ext(uint32_t seed) { return rel::Pattern(rel::EXT_SIZE, seed ^ 0xE47u); }
+std::string Ext(uint32_t seed) { return qvtest::Pattern(48, seed ^ 0xE47u); }
 
-using rel::Got;
+using Got = qvtest::Received;
 
 [[noreturn]] void Fail(const char* role, const char* what, unsigned long detail) {
     fprintf(stderr, "mixed_peer %s: %s (%lu)\n", role, what, detail);
@@ -41,25 +41,25 @@ using rel::Got;
 // thread that receives responses on lib.
 void Exchange(CQVIPCLibrary& lib, unsigned long ipcid, const char* role, uint32_t seed) {
     for (size_t i = 0; i < SIZE_COUNT; ++i) {
-        const std::string body = rel::Pattern(SIZES[i], seed + static_cast<uint32_t>(i));
+        const std::string body = qvtest::Pattern(SIZES[i], seed + static_cast<uint32_t>(i));
         const std::string ext = Ext(seed + static_cast<uint32_t>(i));
         unsigned long id = 0;
         const QVRESULT hr =
             lib.sendRequest(ipcid, body.data(), body.size(), &id, TYPE_DATA, ext.data());
         if (hr != 0) Fail(role, "sendRequest failed", hr);
-        Got g = rel::ReceiveResponse(lib);
+        Got g = qvtest::ReceiveResponse(lib);
         // A server's response receiver also reports other slots (a client that has finished
         // and gone); only this slot's answers count here.
-        while (g.ipcid != ipcid) g = rel::ReceiveResponse(lib);
+        while (g.ipcid != ipcid) g = qvtest::ReceiveResponse(lib);
         if (g.hr != 0) Fail(role, "receiveResponse failed", g.hr);
         if (g.id != id) Fail(role, "response id mismatch", g.id);
-        if (g.body != rel::Answer(body)) Fail(role, "response body mismatch", SIZES[i]);
-        if (g.ext != rel::Answer(ext)) Fail(role, "response extension mismatch", SIZES[i]);
+        if (g.body != qvtest::Flip(body)) Fail(role, "response body mismatch", SIZES[i]);
+        if (g.ext != qvtest::Flip(ext)) Fail(role, "response extension mismatch", SIZES[i]);
     }
 }
 
 int RunServer(const std::string& guid, unsigned long clients) {
-    CQVIPCLibrary lib("mixed", guid, 1, clients, rel::EXT_SIZE, rel::NO_TIMEOUT);
+    CQVIPCLibrary lib("mixed", guid, 1, clients, 48, qvtest::NO_TIMEOUT);
     if (lib.initialize() != 0) Fail("server", "initialize failed", 0);
     std::mutex mutex;
     std::condition_variable cv;
@@ -83,7 +83,7 @@ int RunServer(const std::string& guid, unsigned long clients) {
     // server leave could drop the answer to its goodbye while it reconnects.
     unsigned long gone = 0;
     while (byes < clients || gone < clients) {
-        const Got g = rel::ReceiveRequest(lib);
+        const Got g = qvtest::ReceiveRequest(lib);
         if (g.hr == QVIPC_E_NEW_CONNECTION) {
             std::lock_guard<std::mutex> lock(mutex);
             fresh.push_back(g.ipcid);
@@ -97,7 +97,7 @@ int RunServer(const std::string& guid, unsigned long clients) {
         }
         if (g.hr != 0) Fail("server", "receiveRequest failed", g.hr);
         if (g.type == TYPE_BYE) ++byes;
-        if (rel::AnswerRequest(lib, g) != 0) Fail("server", "sendResponse failed", g.ipcid);
+        if (qvtest::AnswerFlipped(lib, g) != 0) Fail("server", "sendResponse failed", g.ipcid);
     }
     asker.join();
     lib.finalize();
@@ -106,14 +106,14 @@ int RunServer(const std::string& guid, unsigned long clients) {
 }
 
 int RunClient(const std::string& guid) {
-    CQVIPCLibrary lib("mixed", guid, 0, 0, rel::EXT_SIZE, rel::NO_TIMEOUT);
+    CQVIPCLibrary lib("mixed", guid, 0, 0, 48, qvtest::NO_TIMEOUT);
     if (lib.initialize() != 0) Fail("client", "initialize failed", 0);
     std::atomic<size_t> answered{0};
     std::atomic<bool> connected{false};
     std::atomic<bool> leaving{false};
     std::thread answerer([&] {
         for (;;) {
-            const Got g = rel::ReceiveRequest(lib);
+            const Got g = qvtest::ReceiveRequest(lib);
             if (g.hr == QVIPC_E_SHUTDOWN) break;
             if (g.hr == QVIPC_E_NEW_CONNECTION) {
                 connected.store(true);
@@ -121,7 +121,7 @@ int RunClient(const std::string& guid) {
             }
             if (g.hr != 0 && leaving.load()) continue;  // the server may be gone already
             if (g.hr != 0) Fail("client", "receiveRequest failed", g.hr);
-            if (rel::AnswerRequest(lib, g) != 0) Fail("client", "sendResponse failed", g.id);
+            if (qvtest::AnswerFlipped(lib, g) != 0) Fail("client", "sendResponse failed", g.id);
             ++answered;
         }
     });
@@ -134,9 +134,9 @@ int RunClient(const std::string& guid) {
     if (lib.sendRequest(0, nullptr, 0, &id, TYPE_BYE, Ext(1).data()) != 0) {
         Fail("client", "bye failed", 0);
     }
-    const Got g = rel::ReceiveResponse(lib);
+    const Got g = qvtest::ReceiveResponse(lib);
     if (g.hr != 0 || g.id != id) Fail("client", "bye unanswered", g.hr);
-    const long long connectId = rel::ClientConnectId(guid, getpid());
+    const long long connectId = qvtest::ClientConnectId(guid, getpid());
     lib.finalize();
     answerer.join();
     printf("connect id %lld\n", connectId);
