@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "QVIPC/Library-Linux/FrameIO.h"
@@ -114,6 +117,14 @@ TEST(FrameReaderTest, LargestSizeIsAFailedAllocationOrAFailedRead) {
 std::atomic<int> g_signals{0};
 void CountSignal(int) { ++g_signals; }
 
+// Whether thread tid sleeps in the kernel: here, blocked in read().
+bool Blocked(pid_t tid) {
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t end = stat.rfind(')');
+    return end != std::string::npos && stat.compare(end, 4, ") S ") == 0;
+}
+
 // A handler without SA_RESTART makes a blocked read() fail with EINTR; header and body reads
 // go on reading and deliver the whole frame.
 TEST(FrameReaderTest, ReadsInterruptedBySignalsGoOn) {
@@ -124,28 +135,27 @@ TEST(FrameReaderTest, ReadsInterruptedBySignalsGoOn) {
     for (const bool header : {true, false}) {
         SCOPED_TRACE(header ? "header" : "body");
         Pipe p;
-        std::atomic<bool> reading{false};
+        std::atomic<pid_t> tid{0};
         qvframe::RequestFrame frame{};
         ssize_t got = -2;
         Body body{};
         std::thread reader([&] {
-            reading.store(true);
+            tid.store(static_cast<pid_t>(syscall(SYS_gettid)));
             if (header) {
                 got = qvframe::readHeader(p.fds[0], frame, sizeof frame);
             } else {
                 body = ReadBody(p.fds[0], 2000);
             }
         });
-        ASSERT_TRUE(WaitFor([&] { return reading.load(); }, DEADLINE));
         const std::string bytes = Pattern(header ? 72 : 2000, 9);
         ASSERT_TRUE(p.put(header ? std::string() : bytes.substr(0, 1000)));
-        // Signals until some came while the reader sat blocked in read().
-        const int before = g_signals.load();
-        for (int i = 0; i < 5; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // Twice: the signal comes while blocked, and the reader blocks in read() again after it.
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_TRUE(WaitFor([&] { return tid.load() != 0 && Blocked(tid.load()); }, DEADLINE));
             pthread_kill(reader.native_handle(), SIGUSR1);
+            ASSERT_TRUE(WaitFor([&] { return g_signals.load() > 0; }, DEADLINE));
+            g_signals.store(0);
         }
-        ASSERT_TRUE(WaitFor([&] { return g_signals.load() >= before + 5; }, DEADLINE));
         ASSERT_TRUE(p.put(header ? bytes : bytes.substr(1000)));
         reader.join();
         if (header) {
