@@ -1,5 +1,4 @@
-// The endpoint object before initialize: the constructor's checks and what it leaves behind,
-// the names of the service's FIFOs and their removal.
+// The endpoint object before initialize: the constructor's checks, and removal of FIFOs.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,6 +43,9 @@ TEST_F(ConstructionTest, ChecksRunInOrderAndTheExtensionCheckPrecedesEverything)
         try {
             CQVIPCLibrary lib("t", m_moreGuids.back(), c.isServer, c.maxConnections,
                               c.headerExtSize, 7);
+            // Nothing opened and no FIFO made before initialize.
+            EXPECT_EQ(m_fdsBefore, CountOpenFds());
+            EXPECT_TRUE(GuidFiles(m_moreGuids.back()).empty());
         } catch (const LQException& e) {
             thrown = e.code;
         }
@@ -52,13 +54,6 @@ TEST_F(ConstructionTest, ChecksRunInOrderAndTheExtensionCheckPrecedesEverything)
         // A refusal comes before the id generator makes anything.
         EXPECT_EQ(c.code == 0, Exists("/dev/shm/" + m_moreGuids.back() + "-IDGENSHMEM"));
     }
-}
-
-TEST_F(ConstructionTest, FreshEndpointHoldsNoDescriptorAndOnlyTheIdGeneratorsFiles) {
-    CQVIPCLibraryImpl impl("My Title", m_guid, 0, 0, 12, NO_TIMEOUT);
-    EXPECT_EQ(m_fdsBefore, CountOpenFds());
-    EXPECT_TRUE(GuidFiles(m_guid).empty());
-    EXPECT_TRUE(Exists("/tmp/" + m_guid + "-IDGENMTX.lock"));
 }
 
 TEST_F(ConstructionTest, FacadeLowersTheGuidAndKeepsItsFirst63Characters) {
@@ -73,22 +68,10 @@ TEST_F(ConstructionTest, FacadeLowersTheGuidAndKeepsItsFirst63Characters) {
     }
 }
 
-TEST_F(ConstructionTest, NamesFollowGuidConnectIdAndProcessId) {
-    CQVIPCLibraryImpl impl("Title", m_guid, 0, 0, 0, NO_TIMEOUT);
-    impl.m_strGuid = "abc";  // the names depend on nothing else of the endpoint
-    EXPECT_EQ("/tmp/abc-svr-admin", impl.pipenameServerAdmin());
-    EXPECT_EQ("/tmp/abc-svr-req-3-p1234", impl.pipenameServerRequest("3", "1234"));
-    EXPECT_EQ("/tmp/abc-svr-rsp-3-p1234", impl.pipenameServerResponse("3", "1234"));
-    EXPECT_EQ("/tmp/abc-cli-req-3-p1234", impl.pipenameClientRequest("3", "1234"));
-    EXPECT_EQ("/tmp/abc-cli-rsp-3-p1234", impl.pipenameClientResponse("3", "1234"));
-    impl.m_strGuid = m_guid;
-}
-
 TEST_F(ConstructionTest, ClientCleanupRemovesItsFourFifosAndServerCleanupNothing) {
     CQVIPCLibraryImpl client("t", m_guid, 0, 0, 0, NO_TIMEOUT);
     CQVIPCLibraryImpl server("t", m_guid, 1, 4, 0, NO_TIMEOUT);
-    const std::string& c = client.m_strConnectId;
-    const std::string& p = client.m_strPid;
+    const std::string &c = client.m_strConnectId, &p = client.m_strPid;
     const std::string paths[] = {client.pipenameServerRequest(c, p),
                                  client.pipenameServerResponse(c, p),
                                  client.pipenameClientRequest(c, p),
@@ -109,7 +92,7 @@ TEST_F(ConstructionTest, RegistryUnlinksEveryPathItWasGivenWhenDestroyed) {
         CPipenameRegistry registry;
         registry.add(a);
         registry.add(b);
-        registry.add(a);  // duplicates are harmless
+        registry.add(a);  // a duplicate, and a path never made, are harmless
         registry.add("/tmp/" + m_guid + "-never-made");
     }
     EXPECT_TRUE(GuidFiles(m_guid).empty());
