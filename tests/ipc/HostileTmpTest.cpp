@@ -39,7 +39,7 @@ std::string ContentOf(const std::string& path) {  // of a regular file
 }
 
 class HostileTmpTest : public EndpointTest {
-protected:
+public:  // the table below names the entry points
     void SetUp() override {
         EndpointTest::SetUp();
         m_file = "/tmp/" + m_guid + "-target-file";
@@ -121,7 +121,7 @@ protected:
     }
 
     // The connect thread's read ends are refused before the attempt begins.
-    void readEnds(Kind kind) {
+    void readEnds(int, Kind kind) {
         CQVIPCLibraryImpl client("t", newGuid(), 0, 0, 0, NO_TIMEOUT);
         const std::string &cid = client.m_strConnectId, &pid = client.m_strPid;
         ASSERT_EQ(0, mknod(client.pipenameServerResponse(cid, pid).c_str(), S_IFIFO | 0666, 0));
@@ -131,7 +131,7 @@ protected:
 
     // The admin FIFO swapped after start-up: the thread keeps trying, as when no server runs,
     // and its CONNECT never lands in the file.
-    void adminSwapped(Kind kind) {
+    void adminSwapped(int, Kind kind) {
         CQVIPCLibraryImpl client("t", newGuid(), 0, 0, 0, NO_TIMEOUT);
         const std::string admin = client.pipenameServerAdmin();
         const std::string line = "can't open fdSendAdmin " + admin;
@@ -143,11 +143,12 @@ protected:
         EXPECT_EQ("", kind == Kind::RegularFile ? ContentOf(admin) : "");
     }
 
-    // The id generator's lock file or shared block: the constructor throws E_FAIL.
-    void named(bool lock, Kind kind) {
+    // The id generator's lock file (1) or shared block (0): the constructor throws E_FAIL.
+    void named(int lock, Kind kind) {
         const std::string guid = newGuid();
-        plant(lock ? mutexLockPath(guid + "-IDGENMTX") : sharedMemoryPath(guid + "-IDGENSHMEM"),
-              kind);
+        plant(
+            lock != 0 ? mutexLockPath(guid + "-IDGENMTX") : sharedMemoryPath(guid + "-IDGENSHMEM"),
+            kind);
         unsigned long thrown = 0;
         try {
             CQVIPCLibraryImpl impl("t", guid, 1, 2, 0, NO_TIMEOUT);
@@ -161,51 +162,33 @@ protected:
 };
 
 TEST_F(HostileTmpTest, NameOfAnotherKindIsRefusedAndNothingActsThroughIt) {
-    enum At { StartUp, Connect, ReadEnds, AdminSwapped, Lock, Shm };
+    using F = HostileTmpTest;
     const struct {
-        At at;
+        void (HostileTmpTest::*entry)(int, Kind);
         int which;
         Kind kind;
-    } rows[] = {
-        {StartUp, 0, Kind::DanglingLink},
-        {StartUp, 1, Kind::Directory},
-        {StartUp, 2, Kind::LinkToFile},
-        {StartUp, 3, Kind::RegularFile},
-        {StartUp, 4, Kind::LinkToFifo},
-        {StartUp, 5, Kind::RegularFile},
-        {Connect, 0, Kind::LinkToFifo},
-        {Connect, 1, Kind::RegularFile},
-        {Connect, 2, Kind::RegularFile},
-        {Connect, 2, Kind::LinkToFile},
-        {ReadEnds, 0, Kind::RegularFile},
-        {ReadEnds, 0, Kind::LinkToFifo},
-        {StartUp, 0, Kind::Fifo},
-        {StartUp, 5, Kind::Fifo},
-        {AdminSwapped, 0, Kind::RegularFile},
-        {Lock, 0, Kind::LinkToFile},
-        {Lock, 0, Kind::Fifo},
-        {Shm, 0, Kind::DanglingLink},
-        {Shm, 0, Kind::Directory},
-    };
+    } rows[] = {{&F::startUp, 0, Kind::DanglingLink},
+                {&F::startUp, 1, Kind::Directory},
+                {&F::startUp, 2, Kind::LinkToFile},
+                {&F::startUp, 3, Kind::RegularFile},
+                {&F::startUp, 4, Kind::LinkToFifo},
+                {&F::startUp, 5, Kind::RegularFile},
+                {&F::startUp, 0, Kind::Fifo},
+                {&F::startUp, 5, Kind::Fifo},
+                {&F::connect, 0, Kind::LinkToFifo},
+                {&F::connect, 1, Kind::RegularFile},
+                {&F::connect, 2, Kind::RegularFile},
+                {&F::connect, 2, Kind::LinkToFile},
+                {&F::readEnds, 0, Kind::RegularFile},
+                {&F::readEnds, 0, Kind::LinkToFifo},
+                {&F::adminSwapped, 0, Kind::RegularFile},
+                {&F::named, 1, Kind::LinkToFile},
+                {&F::named, 1, Kind::Fifo},
+                {&F::named, 0, Kind::DanglingLink},
+                {&F::named, 0, Kind::Directory}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << "entry " << row.at << "/" << row.which << ", kind "
-                                        << static_cast<int>(row.kind));
-        switch (row.at) {
-            case StartUp:
-                startUp(row.which, row.kind);
-                break;
-            case Connect:
-                connect(row.which, row.kind);
-                break;
-            case ReadEnds:
-                readEnds(row.kind);
-                break;
-            case AdminSwapped:
-                adminSwapped(row.kind);
-                break;
-            default:
-                named(row.at == Lock, row.kind);
-        }
+        SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
+        (this->*row.entry)(row.which, row.kind);
         // No chmod, no write, no file made through a link.
         EXPECT_EQ(static_cast<mode_t>(S_IFREG | 0600), ModeOf(m_file));
         EXPECT_EQ(PRECIOUS, ContentOf(m_file));
