@@ -31,16 +31,15 @@ public:
 TEST(PipeWriterTest, AsynchronousWritevSharesOneBudgetAcrossElements) {
     char a[4] = {}, b[8] = {}, c[2] = {};
     const iovec iov[3] = {{a, sizeof(a)}, {b, sizeof(b)}, {c, sizeof(c)}};
-    struct Case {
+    const struct {
         unsigned long timeout;
         std::vector<unsigned long> budgets;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {3, {3, 2, 2}},                                      // one whole second gone
         {1, {1, 1, 1}},                                      // spent: later elements still get 1 s
         {NO_TIMEOUT, {NO_TIMEOUT, NO_TIMEOUT, NO_TIMEOUT}},  // no limit stays no limit
     };
-    for (const Case& tc : cases) {
+    for (const auto& tc : cases) {
         SCOPED_TRACE(tc.timeout);
         BudgetProbe probe;
         EXPECT_EQ(14, probe.writev(-1, iov, 3, tc.timeout));
