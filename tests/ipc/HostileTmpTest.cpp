@@ -81,7 +81,7 @@ public:  // the table below names the entry points
         EXPECT_EQ(kind == Kind::Fifo ? S_OK : codes[which], impl.initialize());
         EXPECT_EQ(kind == Kind::Fifo, ModeOf(path) == (S_IFIFO | 0666));
         // A client tries none of its own FIFOs after a refused admin FIFO.
-        EXPECT_EQ(which<4, GuidFiles(impl.m_strGuid).size()> 1);
+        EXPECT_EQ((which < 4), (GuidFiles(impl.m_strGuid).size() > 1));
         impl.finalize();
     }
 
