@@ -65,18 +65,14 @@ TEST_F(ConnectIdTest, HolderKilledWhileHoldingTheIdMutexDoesNotBlockTheNextConst
 }
 
 TEST_F(ConnectIdTest, IdsAreCutTo32BitsAndSpelledAsSigned32BitNumbers) {
-    {
-        CPSharedMemory shm(m_guid + "-IDGENSHMEM", 8);
-        ASSERT_NE(nullptr, shm.getAddress());
-        const uint64_t start = 0x180000001ull;
-        std::memcpy(shm.getAddress(), &start, sizeof start);
-    }
+    CPSharedMemory shm(m_guid + "-IDGENSHMEM", 8);
+    ASSERT_NE(nullptr, shm.getAddress());
+    uint64_t counter = 0x180000001ull;
+    std::memcpy(shm.getAddress(), &counter, sizeof counter);
     CQVIPCLibraryImpl first("t", m_guid, 0, 0, 0, NO_TIMEOUT);
     EXPECT_EQ(0x80000001ul, first.m_connectId);
     EXPECT_EQ("-2147483647", first.m_strConnectId);
     EXPECT_EQ(0x80000003ul, DrawId(m_guid));
-    CPSharedMemory shm(m_guid + "-IDGENSHMEM", 8);
-    uint64_t counter = 0;
     std::memcpy(&counter, shm.getAddress(), sizeof counter);
     EXPECT_EQ(0x180000005ull, counter);  // the counter itself keeps its 64 bits
 }
