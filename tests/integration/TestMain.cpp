@@ -1,5 +1,4 @@
-// The integration programs' main: with --peer=<role>,<guid> this binary is a peer process of a
-// test (a server or client to kill and restart); otherwise it runs the tests.
+// The integration programs' main; with --peer=<role>,<guid> this binary is a test's peer process.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@ using namespace qvtest;
 
 namespace {
 
-// An echo server for 8 clients, until it is killed.
 int EchoServer(const std::string& guid) {
     auto server = MakeServer(guid, 8);
     if (server->initialize() != 0) return 3;
@@ -19,7 +17,6 @@ int EchoServer(const std::string& guid) {
     for (;;) pause();
 }
 
-// Sends requests without pause, until it is killed.
 int BusyClient(const std::string& guid) {
     auto client = MakeClient(guid);
     if (client->initialize() != 0) return 3;
@@ -28,8 +25,7 @@ int BusyClient(const std::string& guid) {
     }
 }
 
-// Takes the first admin record and dies, as a server killed right after it read a CONNECT:
-// 0 when it was one.
+// A server killed right after it read a CONNECT: 0 when the first admin record was one.
 int SwallowConnect(const std::string& guid) {
     const std::string admin = "/tmp/" + guid + "-svr-admin";
     mknod(admin.c_str(), S_IFIFO | 0666, 0);
@@ -44,8 +40,8 @@ int ReadmeServer(const std::string& guid) {
     return 0;
 }
 
-// Connects, then leaves main without finalize: only the process's pipe-name registry cleans
-// up. Held by a static, so that a leak checker at exit sees it as reachable.
+// Connects and leaves main without finalize. Held by a static, so a leak checker sees it as
+// reachable.
 int ExitClient(const std::string& guid) {
     static CQVIPCLibrary* client = nullptr;
     client = MakeClient(guid).release();

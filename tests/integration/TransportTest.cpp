@@ -80,7 +80,8 @@ TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
 
 INSTANTIATE_TEST_SUITE_P(ExtensionSizes, RoundTripTest, ::testing::Values(48ul, 5ul, 0ul));
 
-TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
+// 63 clients, a refused 64th, freed slots reused lowest first, a second initialize a no-op.
+TEST_F(TransportTest, SixtyThreeClientsAndTheirSlots) {
     auto server = MakeServer(m_guid, 63, 0);
     ASSERT_EQ(S_OK, server->initialize());
     RequestLoop serverLoop(*server, 0);
@@ -96,14 +97,43 @@ TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
     for (auto& c : clients) ExpectRoundTrip(*c, "ping");
 
     auto refused = MakeClient(m_guid, 0);
-    const int fdsOfRefused = CountOpenFds();
+    int fds = CountOpenFds();
     ASSERT_EQ(S_OK, refused->initialize());
     ASSERT_TRUE(m_capture.wait("server has too many clients"));
     // Its connect thread ended and gave every descriptor up.
-    EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == fdsOfRefused; }, DEADLINE));
+    EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == fds; }, DEADLINE));
     unsigned long id = 0;
     EXPECT_EQ(QVIPC_E_NO_PIPE, refused->sendRequest(0, "x", 1, &id, 1, nullptr));
-    EXPECT_EQ(63u, serverLoop.connections().size());
+    EXPECT_EQ(S_OK, server->initialize());
+    EXPECT_EQ(S_OK, clients[0]->initialize());
+    EXPECT_EQ(fds, CountOpenFds());
+
+    clients[7]->finalize();
+    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1));
+    clients[3]->finalize();
+    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 2));
+    const std::vector<Received> all = serverLoop.results();
+    std::vector<unsigned long> freed;
+    for (const Received& r : all) {
+        if (r.hr == QVIPC_E_DISCONNECTED) freed.push_back(r.ipcid);
+    }
+    std::sort(freed.begin(), freed.end());
+    clients.push_back(MakeClient(m_guid, 0));
+    ASSERT_EQ(S_OK, clients.back()->initialize());
+    ASSERT_TRUE(serverLoop.waitConnections(64));
+    EXPECT_EQ(freed[0], serverLoop.connections()[63]);
+    ExpectRoundTrip(*clients.back(), "again");
+    // A freed slot has no pipe; one beyond the slots, or 0 on a server, is invalid.
+    const std::tuple<unsigned long, bool, QVRESULT> cases[] = {{freed[1], false, QVIPC_E_NO_PIPE},
+                                                               {64, false, QVIPC_E_INVALID_ID},
+                                                               {0, false, QVIPC_E_INVALID_ID},
+                                                               {0, true, QVIPC_E_NO_PIPE},
+                                                               {64, true, QVIPC_E_INVALID_ID}};
+    for (const auto& [ipcid, response, hr] : cases) {
+        EXPECT_EQ(hr, response ? server->sendResponse(ipcid, 1, "x", 1, nullptr)
+                               : server->sendRequest(ipcid, "x", 1, &id, 1, nullptr))
+            << ipcid << response;
+    }
 }
 
 TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
@@ -214,46 +244,6 @@ TEST_F(TransportTest, ClientFinalizeWakesItsReceiversAndRemovesItsFifos) {
         EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
         EXPECT_TRUE(!serverComes || serverLoop->waitResult(QVIPC_E_DISCONNECTED, 1, 1));
     }
-}
-
-TEST_F(TransportTest, FreedSlotsAreReusedLowestFirst) {
-    auto server = MakeServer(m_guid, 4, 0);
-    ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop serverLoop(*server, 0);
-    std::vector<std::unique_ptr<CQVIPCLibrary>> clients;
-    for (int i = 0; i < 3; ++i) {
-        clients.push_back(MakeClient(m_guid, 0));
-        ASSERT_EQ(S_OK, clients.back()->initialize());
-        ASSERT_TRUE(serverLoop.waitConnections(clients.size()));
-    }
-    EXPECT_EQ((std::vector<unsigned long>{1, 2, 3}), serverLoop.connections());
-    // A second initialize changes nothing.
-    const int fds = CountOpenFds();
-    EXPECT_EQ(S_OK, server->initialize());
-    EXPECT_EQ(S_OK, clients[0]->initialize());
-    EXPECT_EQ(fds, CountOpenFds());
-    clients[1]->finalize();
-    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 2));
-    clients.push_back(MakeClient(m_guid, 0));
-    ASSERT_EQ(S_OK, clients.back()->initialize());
-    ASSERT_TRUE(serverLoop.waitConnections(4));
-    EXPECT_EQ(2ul, serverLoop.connections()[3]);
-    EXPECT_EQ(1u, serverLoop.count(QVIPC_E_DISCONNECTED));
-    ExpectRoundTrip(*clients.back(), "again");
-    // A slot never used has no pipe; one beyond the slots, or 0 on a server, is invalid.
-    const std::tuple<unsigned long, bool, QVRESULT> cases[] = {{4, false, QVIPC_E_NO_PIPE},
-                                                               {5, false, QVIPC_E_INVALID_ID},
-                                                               {0, false, QVIPC_E_INVALID_ID},
-                                                               {0, true, QVIPC_E_NO_PIPE},
-                                                               {5, true, QVIPC_E_INVALID_ID}};
-    for (const auto& [ipcid, response, hr] : cases) {
-        unsigned long id = 0;
-        EXPECT_EQ(hr, response ? server->sendResponse(ipcid, 1, "x", 1, nullptr)
-                               : server->sendRequest(ipcid, "x", 1, &id, 1, nullptr))
-            << ipcid << response;
-    }
-    for (auto& c : clients) c->finalize();
-    server->finalize();
 }
 
 }  // namespace
