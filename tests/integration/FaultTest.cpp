@@ -1,4 +1,4 @@
-// Faults a peer can cause: each gives its designed result and the other clients stay served.
+// Faults a peer can cause: each gives its designed result, and the others stay served.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -15,26 +15,7 @@ namespace {
 
 const uint32_t PID = static_cast<uint32_t>(getpid());
 
-class FaultTest : public EndpointTest {
-protected:
-    void TearDown() override {
-        freeFillers();
-        if (m_savedLimit.rlim_max != 0) setrlimit(RLIMIT_NOFILE, &m_savedLimit);
-        EndpointTest::TearDown();
-    }
-    // Takes every free descriptor number below FD_SETSIZE.
-    void fillLowDescriptors() {
-        for (int fd = dup(0); fd != -1; fd = dup(0)) {
-            if (fd >= FD_SETSIZE) return (void)close(fd);
-            m_fillers.push_back(fd);
-        }
-    }
-    void freeFillers(size_t n = ~size_t{0}) {
-        for (; n > 0 && !m_fillers.empty(); --n, m_fillers.pop_back()) close(m_fillers.back());
-    }
-    std::vector<int> m_fillers;
-    rlimit m_savedLimit{};
-};
+using FaultTest = EndpointTest;
 
 // Garbage on the admin FIFO changes nothing, a CONNECT from a process that is gone is given up
 // at once (not after 20 seconds of open tries), a DISCONNECT frees its slot silently.
@@ -223,24 +204,32 @@ TEST_F(FaultTest, DescriptorsBeyondFdSetSizeAreRefused) {
     rlimit limit{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
     if (limit.rlim_max < FD_SETSIZE + 64) GTEST_SKIP() << "descriptor limit too low";
-    m_savedLimit = limit;
     limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, FD_SETSIZE + 64);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    std::vector<int> low;
+    auto takeLow = [&] {  // every free number below FD_SETSIZE
+        int fd;
+        while ((fd = dup(0)) >= 0 && fd < FD_SETSIZE) low.push_back(fd);
+        if (fd >= 0) close(fd);
+    };
+    auto freeLow = [&](size_t n) {
+        for (; n > 0 && !low.empty(); --n, low.pop_back()) close(low.back());
+    };
     auto server = MakeServer(m_guid, 4);
-    fillLowDescriptors();
-    ASSERT_GE(m_fillers.size(), 2u);
+    takeLow();
+    ASSERT_GE(low.size(), 2u);
     EXPECT_EQ(QVIPC_E_CREATE_PIPE, server->initialize());
-    freeFillers(2);  // room for the pipe only: the admin FIFO's read end would be the high one
+    freeLow(2);  // room for the pipe only: the admin FIFO's read end would be the high one
     EXPECT_EQ(QVIPC_E_CREATE_PIPE, server->initialize());
-    freeFillers();
+    freeLow(low.size());
     ASSERT_EQ(S_OK, server->initialize());
     RequestLoop serverLoop(*server);
-    fillLowDescriptors();
+    takeLow();
     auto client = MakeClient(m_guid);
     ASSERT_EQ(S_OK, client->initialize());
     ASSERT_TRUE(m_capture.wait("creating /tmp/" + m_guid + "-svr-req-3-p"));  // connect id 3
     EXPECT_TRUE(serverLoop.connections().empty());
-    freeFillers();
+    freeLow(low.size());
     ASSERT_TRUE(serverLoop.waitConnections(1));  // it asks again after a pause
     ExpectRoundTrip(*client, "low again");
     client->finalize();
