@@ -19,10 +19,10 @@ int EchoServer(const std::string& guid) {
 
 int BusyClient(const std::string& guid) {
     auto client = MakeClient(guid);
-    if (client->initialize() != 0) return 3;
-    for (;;) {
+    for (int hr = client->initialize(); hr == 0;) {
         if (SendWhenConnected(*client, Pattern(100, 7)) == 0) ReceiveResponse(*client);
     }
+    return 3;
 }
 
 // A server killed right after it read a CONNECT: 0 when the first admin record was one.
@@ -35,16 +35,9 @@ int SwallowConnect(const std::string& guid) {
     return qvframe::parseRequest(record).type == qvframe::TYPE_CONNECT ? 0 : 4;
 }
 
-int ReadmeServer(const std::string& guid) {
-    readme::Server(guid);
-    return 0;
-}
-
-// Connects and leaves main without finalize. Held by a static, so a leak checker sees it as
-// reachable.
+// Connects and leaves main without finalize; a static, so a leak checker sees it reachable.
 int ExitClient(const std::string& guid) {
-    static CQVIPCLibrary* client = nullptr;
-    client = MakeClient(guid).release();
+    static CQVIPCLibrary* client = MakeClient(guid).release();
     if (client->initialize() != 0) return 3;
     return ReceiveRequest(*client).hr == QVIPC_E_NEW_CONNECTION ? 0 : 4;
 }
@@ -52,10 +45,11 @@ int ExitClient(const std::string& guid) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return PeerMain(argc, argv,
-                    {{"server", EchoServer},
-                     {"client", BusyClient},
-                     {"swallow-connect", SwallowConnect},
-                     {"readme-server", ReadmeServer},
-                     {"exit-client", ExitClient}});
+    return PeerMain(
+        argc, argv,
+        {{"server", EchoServer},
+         {"client", BusyClient},
+         {"swallow-connect", SwallowConnect},
+         {"readme-server", [](const std::string& guid) { return readme::Server(guid), 0; }},
+         {"exit-client", ExitClient}});
 }

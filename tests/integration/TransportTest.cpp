@@ -34,8 +34,8 @@ TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
     const unsigned long extSize = GetParam();
     ConnectedPair pair(m_guid, 4, extSize);
     ASSERT_TRUE(pair.ok);
-    const unsigned long slot = pair.serverLoop->connections()[0];
-    EXPECT_EQ(1ul, slot);
+    const unsigned long slot = 1;
+    EXPECT_EQ(slot, pair.serverLoop->connections()[0]);
     EXPECT_EQ(0ul, pair.clientLoop->connections()[0]);
     const std::string fifo = "/tmp/" + m_guid + "-svr-req-";
     const int initial = PipeSizeOf(fifo);
@@ -56,12 +56,8 @@ TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
                                              ext.data()));
             EXPECT_EQ(fromClient ? expectedId++ : id, id);
             const Received r = ReceiveResponse(from, extSize);
-            EXPECT_EQ(S_OK, r.hr);
-            EXPECT_EQ(to, r.ipcid);
-            EXPECT_EQ(id, r.id);
-            EXPECT_TRUE(r.body == body);
-            EXPECT_EQ(body.empty(), r.bodyNull);
-            EXPECT_EQ(ext.substr(0, extSize), r.ext);
+            EXPECT_EQ(std::make_tuple(S_OK, to, id, true, body.empty(), ext.substr(0, extSize)),
+                      std::make_tuple(r.hr, r.ipcid, r.id, r.body == body, r.bodyNull, r.ext));
         }
         EXPECT_EQ(pipeSize, PipeSizeOf(fifo));
     }
@@ -169,70 +165,53 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
     server->finalize();
 }
 
-// A response receiver blocked in select() takes in a client that connects later, and finalize
-// wakes it and the request receiver and waits for both.
-TEST_F(TransportTest, BlockedServerReceiversTakeInLateClientsAndWakeAtFinalize) {
+// Receivers blocked in select() take in a peer that connects later; finalize wakes them, waits
+// for them and removes the endpoint's FIFOs, also in a client whose server never came.
+TEST_F(TransportTest, BlockedReceiversTakeInLatePeersAndWakeAtFinalize) {
     auto server = MakeServer(m_guid, 2);
     ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop requests(*server);
-    Received response;
-    std::thread responses([&] { response = ReceiveResponse(*server); });
+    RequestLoop serverLoop(*server);
+    Received got;
+    std::thread receiver([&] { got = ReceiveResponse(*server); });
     ASSERT_TRUE(m_capture.wait("receiveResponseServer ("));
-    auto client = MakeClient(m_guid);
-    ASSERT_EQ(S_OK, client->initialize());
-    RequestLoop clientLoop(*client);
-    ASSERT_TRUE(requests.waitConnections(1));
+    const std::string lonely = TestGuid();
+    m_moreGuids.push_back(lonely);
+    std::unique_ptr<CQVIPCLibrary> clients[] = {MakeClient(m_guid), MakeClient(lonely)};
+    std::unique_ptr<RequestLoop> loops[2];
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(S_OK, clients[i]->initialize());
+        loops[i] = std::make_unique<RequestLoop>(*clients[i]);
+    }
+    ASSERT_TRUE(serverLoop.waitConnections(1));
     unsigned long id = 0;
     ASSERT_EQ(S_OK, SendWhenConnected(*server, "late", 3, 1, &id));
-    responses.join();
-    EXPECT_EQ(S_OK, response.hr);
-    EXPECT_EQ(1ul, response.ipcid);
-    EXPECT_EQ(id, response.id);
-    EXPECT_EQ("late", response.body);
-
-    std::thread blocked([&] { response = ReceiveResponse(*server); });
-    ASSERT_TRUE(m_capture.wait("receiveResponseServer (", 3));  // entry, exit, entry
-    EXPECT_EQ(S_OK, server->finalize());
-    blocked.join();
-    requests.join();
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, response.hr);
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, requests.results().back().hr);
+    receiver.join();
+    EXPECT_EQ(std::make_tuple(S_OK, 1ul, id, std::string("late")),
+              std::tie(got.hr, got.ipcid, got.id, got.body));
+    ASSERT_TRUE(m_capture.wait("can't open fdSendAdmin /tmp/" + lonely + "-svr-admin"));
+    EXPECT_EQ(5u, GuidFiles(m_guid).size());
+    // The clients, then the server: each with a response receiver blocked.
+    const char* blockedIn[] = {"receiveResponseOnClientPipe (", "receiveResponse (",
+                               "receiveResponseServer ("};
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        CQVIPCLibrary& lib = i < 2 ? *clients[i] : *server;
+        const size_t entered = m_capture.count(blockedIn[i]);
+        receiver = std::thread([&] { got = ReceiveResponse(lib); });
+        ASSERT_TRUE(m_capture.wait(blockedIn[i], entered + 1));
+        EXPECT_EQ(S_OK, lib.finalize());
+        receiver.join();
+        RequestLoop& loop = i < 2 ? *loops[i] : serverLoop;
+        loop.join();
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, got.hr);
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, loop.results().back().hr);
+        const std::string guid = i == 1 ? lonely : m_guid;
+        EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
+        EXPECT_TRUE(i != 0 || serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 1));
+    }
     // Shut down for good, initialize too.
     EXPECT_EQ(QVIPC_E_SHUTDOWN, server->sendRequest(1, "x", 1, &id, 1, nullptr));
     EXPECT_EQ(QVIPC_E_SHUTDOWN, server->initialize());
-    EXPECT_EQ(S_OK, server->finalize());
-}
-
-// Started before its server, a client connects once one appears, or stops at finalize.
-TEST_F(TransportTest, ClientFinalizeWakesItsReceiversAndRemovesItsFifos) {
-    for (const bool serverComes : {true, false}) {
-        SCOPED_TRACE(serverComes);
-        const std::string guid = serverComes ? m_guid : TestGuid();
-        m_moreGuids.push_back(guid);
-        auto client = MakeClient(guid);
-        ASSERT_EQ(S_OK, client->initialize());
-        RequestLoop clientLoop(*client);
-        Received response;
-        std::thread responses([&] { response = ReceiveResponse(*client); });
-        ASSERT_TRUE(m_capture.wait("can't open fdSendAdmin /tmp/" + guid + "-svr-admin"));
-        std::unique_ptr<CQVIPCLibrary> server;
-        std::unique_ptr<RequestLoop> serverLoop;
-        if (serverComes) {
-            server = MakeServer(guid, 2);
-            ASSERT_EQ(S_OK, server->initialize());
-            serverLoop = std::make_unique<RequestLoop>(*server);
-            ASSERT_TRUE(clientLoop.waitConnections(1));
-            ASSERT_TRUE(m_capture.wait("receiveResponseOnClientPipe ("));
-            EXPECT_EQ(5u, GuidFiles(guid).size());
-        }
-        EXPECT_EQ(S_OK, client->finalize());
-        responses.join();
-        clientLoop.join();
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, response.hr);
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, clientLoop.results().back().hr);
-        EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
-        EXPECT_TRUE(!serverComes || serverLoop->waitResult(QVIPC_E_DISCONNECTED, 1, 1));
-    }
 }
 
 }  // namespace
