@@ -1,5 +1,4 @@
-// The API example of README.md, compiled from the document itself (ReadmeExample.cmake), with
-// the test's guid in place of the example's service name.
+// README.md's API example (cut out by ReadmeExample.cmake), the test's guid as service name.
 #ifndef TESTS_INTEGRATION_READMEEXAMPLE_H_
 #define TESTS_INTEGRATION_READMEEXAMPLE_H_
 
@@ -9,10 +8,8 @@
 
 namespace readme {
 
-// The server half: serves until it is killed (it runs as a peer process).
-void Server(const std::string& guid);
-// The client half: waits for its connection, makes one round trip, finalizes; its last result.
-QVRESULT Client(const std::string& guid);
+void Server(const std::string& guid);      // serves until it is killed
+QVRESULT Client(const std::string& guid);  // one round trip, then finalize; its last result
 
 }  // namespace readme
 

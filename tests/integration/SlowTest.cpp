@@ -1,5 +1,4 @@
-// The two waits of the design that take seconds by definition: the 10-second reconnect
-// throttle and the 20-second bound on opening a client's FIFO. Labelled slow.
+// Waits that take seconds by definition: the reconnect throttle and the bound on opening a FIFO.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,12 +19,11 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     const int adminFd = open(admin.c_str(), O_RDWR | O_NONBLOCK);
     ASSERT_NE(-1, adminFd);
     auto client = MakeClient(m_guid);
-    // Its request reader keeps the read ends through which the reconnect command works.
-    RequestLoop clientLoop(*client);
+    RequestLoop clientLoop(*client);  // keeps the read ends the reconnect command works through
     ASSERT_EQ(S_OK, client->initialize());
-    // Takes the next CONNECT, if one comes before the deadline, and refuses it.
+    // Refuses the next CONNECT, if one comes before the deadline.
     auto refuseNext = [&](std::chrono::milliseconds deadline) {
-        qvframe::RequestHeader h;
+        qvframe::RequestHeader h{};
         const bool got = WaitFor(
             [&] {
                 qvframe::RequestFrame rec;
@@ -34,10 +32,9 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
                 return h.type == qvframe::TYPE_CONNECT;
             },
             deadline);
-        if (!got) return false;
         const std::string reply = "/tmp/" + m_guid + "-svr-rsp-" + std::to_string(h.connectId) +
                                   "-p" + std::to_string(h.pid);
-        const int fd = open(reply.c_str(), O_WRONLY | O_NONBLOCK);
+        const int fd = got ? open(reply.c_str(), O_WRONLY | O_NONBLOCK) : -1;
         qvframe::ResponseFrame frame;
         qvframe::buildAdminRecord(frame, qvframe::TYPE_CONNECT, 0, QVIPC_E_TOO_MANY_CLIENTS,
                                   static_cast<uint32_t>(getpid()));
@@ -47,12 +44,11 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     };
     ASSERT_TRUE(refuseNext(DEADLINE));
     ASSERT_TRUE(m_capture.wait("- stopping"));
-    // The reconnect command acts at once: the slot was never throttled.
+    // The first reconnect command acts at once, later ones only when 10 seconds are over.
     const auto start = std::chrono::steady_clock::now();
     client->dump("reconn");
     ASSERT_TRUE(refuseNext(DEADLINE));
     ASSERT_TRUE(m_capture.wait("- stopping", 2));
-    // Asked again and again, it acts once more only when 10 seconds are over.
     ASSERT_TRUE(WaitFor(
         [&] {
             client->dump("reconn");
@@ -72,12 +68,12 @@ TEST_F(SlowTest, ConnectOfAClientThatNeverOpensItsFifoGivesUpAfterTwentySeconds)
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(raw.connectWithoutReader());
     ASSERT_TRUE(m_capture.wait("opening m_fdsSendResponse " + raw.path("svr-rsp")));
-    // A real client asks meanwhile; it is admitted once the server has given up.
+    // A real client asking meanwhile is admitted, to slot 1, once the server has given up.
     auto client = MakeClient(m_guid);
     ASSERT_EQ(S_OK, client->initialize());
     ASSERT_TRUE(serverLoop.waitConnections(1));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(19));
-    EXPECT_EQ(1ul, serverLoop.connections()[0]);  // the abandoned connect left slot 1 free
+    EXPECT_EQ(1ul, serverLoop.connections()[0]);
     client->finalize();
 }
 

@@ -1,5 +1,4 @@
-// The integration programs' main: with --peer=<role>,<guid> this binary is a peer process of a
-// test (a server or client to kill and restart); otherwise it runs the tests.
+// The integration programs' main; with --peer=<role>,<guid> this binary is a test's peer process.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@ using namespace qvtest;
 
 namespace {
 
-// An echo server for 8 clients, until it is killed.
 int EchoServer(const std::string& guid) {
     auto server = MakeServer(guid, 8);
     if (server->initialize() != 0) return 3;
@@ -19,17 +17,15 @@ int EchoServer(const std::string& guid) {
     for (;;) pause();
 }
 
-// Sends requests without pause, until it is killed.
 int BusyClient(const std::string& guid) {
     auto client = MakeClient(guid);
-    if (client->initialize() != 0) return 3;
-    for (;;) {
+    for (int hr = client->initialize(); hr == 0;) {
         if (SendWhenConnected(*client, Pattern(100, 7)) == 0) ReceiveResponse(*client);
     }
+    return 3;
 }
 
-// Takes the first admin record and dies, as a server killed right after it read a CONNECT:
-// 0 when it was one.
+// A server killed right after it read a CONNECT: 0 when the first admin record was one.
 int SwallowConnect(const std::string& guid) {
     const std::string admin = "/tmp/" + guid + "-svr-admin";
     mknod(admin.c_str(), S_IFIFO | 0666, 0);
@@ -39,16 +35,9 @@ int SwallowConnect(const std::string& guid) {
     return qvframe::parseRequest(record).type == qvframe::TYPE_CONNECT ? 0 : 4;
 }
 
-int ReadmeServer(const std::string& guid) {
-    readme::Server(guid);
-    return 0;
-}
-
-// Connects, then leaves main without finalize: only the process's pipe-name registry cleans
-// up. Held by a static, so that a leak checker at exit sees it as reachable.
+// Connects and leaves main without finalize; a static, so a leak checker sees it reachable.
 int ExitClient(const std::string& guid) {
-    static CQVIPCLibrary* client = nullptr;
-    client = MakeClient(guid).release();
+    static CQVIPCLibrary* client = MakeClient(guid).release();
     if (client->initialize() != 0) return 3;
     return ReceiveRequest(*client).hr == QVIPC_E_NEW_CONNECTION ? 0 : 4;
 }
@@ -56,10 +45,11 @@ int ExitClient(const std::string& guid) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return PeerMain(argc, argv,
-                    {{"server", EchoServer},
-                     {"client", BusyClient},
-                     {"swallow-connect", SwallowConnect},
-                     {"readme-server", ReadmeServer},
-                     {"exit-client", ExitClient}});
+    return PeerMain(
+        argc, argv,
+        {{"server", EchoServer},
+         {"client", BusyClient},
+         {"swallow-connect", SwallowConnect},
+         {"readme-server", [](const std::string& guid) { return readme::Server(guid), 0; }},
+         {"exit-client", ExitClient}});
 }

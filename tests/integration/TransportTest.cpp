@@ -1,5 +1,4 @@
-// Server and clients as endpoints of this one process, with threads looping on the receive
-// calls: round trips both ways, many clients, fairness, shutdown while receivers block.
+// Server and clients as endpoints of this one process, threads looping on the receive calls.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,80 +14,7 @@ namespace {
 
 using TransportTest = EndpointTest;
 
-// Extension sizes 48, 5 and 0: what travels is exactly the endpoints' extension size.
-class RoundTripTest : public EndpointTest, public ::testing::WithParamInterface<unsigned long> {};
-
-TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
-    const unsigned long extSize = GetParam();
-    ConnectedPair pair(m_guid, 4, extSize);
-    ASSERT_TRUE(pair.ok);
-    const unsigned long slot = pair.serverLoop->connections()[0];
-    EXPECT_EQ(1ul, slot);
-    EXPECT_EQ(0ul, pair.clientLoop->connections()[0]);
-    unsigned long expectedId = 1;
-    for (const size_t size : {0, 1, 71, 65537, 5 << 20}) {
-        SCOPED_TRACE(size);
-        const std::string body = Pattern(size, 1);
-        const std::string ext = Pattern(48, static_cast<uint32_t>(size));
-        // Client to server and back, then server to the client serving as a secondary server.
-        struct Leg {
-            CQVIPCLibrary& from;
-            unsigned long to;
-            int type;
-        };
-        for (const Leg& leg : {Leg{*pair.client, 0, 7}, Leg{*pair.server, slot, -9}}) {
-            unsigned long id = 0;
-            ASSERT_EQ(S_OK, leg.from.sendRequest(leg.to, body.data(), body.size(), &id, leg.type,
-                                                 ext.data()));
-            if (leg.to == 0) {
-                EXPECT_EQ(expectedId++, id);
-            }
-            const Received r = ReceiveResponse(leg.from, extSize);
-            EXPECT_EQ(S_OK, r.hr);
-            EXPECT_EQ(leg.to, r.ipcid);
-            EXPECT_EQ(id, r.id);
-            EXPECT_TRUE(r.body == body);
-            EXPECT_EQ(body.empty(), r.bodyNull);
-            EXPECT_EQ(ext.substr(0, extSize), r.ext);
-        }
-    }
-    EXPECT_EQ(S_OK, pair.client->finalize());
-    EXPECT_EQ(S_OK, pair.server->finalize());
-    pair.serverLoop->join();
-    pair.clientLoop->join();
-    // What the receivers saw: the connection, five requests of their type, ..., the shutdown.
-    for (const auto& seen : {std::make_pair(pair.serverLoop->results(), 7),
-                             std::make_pair(pair.clientLoop->results(), -9)}) {
-        ASSERT_GE(seen.first.size(), 7u);  // the server may see the client go first
-        for (size_t i = 1; i < 6; ++i) EXPECT_EQ(seen.second, seen.first[i].type);
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, seen.first.back().hr);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(ExtensionSizes, RoundTripTest, ::testing::Values(48ul, 5ul, 0ul));
-
-TEST_F(TransportTest, BlockedResponseReceiverTakesInAClientThatConnectsLater) {
-    auto server = MakeServer(m_guid, 2);
-    ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop serverLoop(*server);
-    Received response;
-    std::thread responses([&] { response = ReceiveResponse(*server); });
-    ASSERT_TRUE(m_capture.wait("receiveResponseServer ("));
-    // The receiver sits in select() without the new client's FIFO; only a wake-up adds it.
-    auto client = MakeClient(m_guid);
-    ASSERT_EQ(S_OK, client->initialize());
-    RequestLoop clientLoop(*client);
-    ASSERT_TRUE(serverLoop.waitConnections(1));
-    unsigned long id = 0;
-    ASSERT_EQ(S_OK, SendWhenConnected(*server, "late", 3, 1, &id));
-    responses.join();
-    EXPECT_EQ(S_OK, response.hr);
-    EXPECT_EQ(1ul, response.ipcid);
-    EXPECT_EQ(id, response.id);
-    EXPECT_EQ("late", response.body);
-}
-
-// The FIFO buffer of this process's descriptor on a path that starts with prefix; 0 if none.
+// The buffer size of this process's first descriptor on a path starting with prefix; 0 if none.
 int PipeSizeOf(const std::string& prefix) {
     for (int fd = 0; fd < 1024; ++fd) {
         char link[512];
@@ -101,26 +27,57 @@ int PipeSizeOf(const std::string& prefix) {
     return 0;
 }
 
-// Messages larger than a FIFO's default buffer grow it (to the next power of two, at most
-// 1 MiB); smaller ones leave it as it is.
-TEST_F(TransportTest, LargeMessagesGrowTheirFifoUpToOneMebibyte) {
-    ConnectedPair pair(m_guid, 1, 0, false);
+// Extension sizes 48, 5 and 0: what travels is exactly the endpoints' extension size.
+class RoundTripTest : public EndpointTest, public ::testing::WithParamInterface<unsigned long> {};
+
+TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
+    const unsigned long extSize = GetParam();
+    ConnectedPair pair(m_guid, 4, extSize);
     ASSERT_TRUE(pair.ok);
+    const unsigned long slot = 1;
+    EXPECT_EQ(slot, pair.serverLoop->connections()[0]);
+    EXPECT_EQ(0ul, pair.clientLoop->connections()[0]);
     const std::string fifo = "/tmp/" + m_guid + "-svr-req-";
     const int initial = PipeSizeOf(fifo);
-    ASSERT_GT(initial, 0);
-    size_t received = 0;
-    const std::pair<size_t, int> steps[] = {
-        {60000, initial}, {200000, 262144}, {5u << 20, 1048576}, {100, 1048576}};
-    for (const auto& step : steps) {
-        ASSERT_EQ(S_OK, SendWhenConnected(*pair.client, Pattern(step.first, 5)));
-        ASSERT_TRUE(pair.serverLoop->waitResult(S_OK, ++received));
-        EXPECT_EQ(step.first, pair.serverLoop->results().back().body.size());
-        EXPECT_EQ(step.second, PipeSizeOf(fifo)) << step.first;
+    // Messages beyond 64 KiB grow their FIFO to the next power of two, at most 1 MiB.
+    const std::pair<size_t, int> sizes[] = {
+        {0, initial}, {1, initial}, {71, initial}, {65537, 131072}, {5 << 20, 1048576}};
+    unsigned long expectedId = 1;
+    for (const auto& [size, pipeSize] : sizes) {
+        SCOPED_TRACE(size);
+        const std::string body = Pattern(size, 1);
+        const std::string ext = Pattern(48, static_cast<uint32_t>(size));
+        // Client to server, then server to the client serving as a secondary server.
+        for (const bool fromClient : {true, false}) {
+            CQVIPCLibrary& from = fromClient ? *pair.client : *pair.server;
+            const unsigned long to = fromClient ? 0 : slot;
+            unsigned long id = 0;
+            ASSERT_EQ(S_OK, from.sendRequest(to, body.data(), body.size(), &id, fromClient ? 7 : -9,
+                                             ext.data()));
+            EXPECT_EQ(fromClient ? expectedId++ : id, id);
+            const Received r = ReceiveResponse(from, extSize);
+            EXPECT_EQ(std::make_tuple(S_OK, to, id, true, body.empty(), ext.substr(0, extSize)),
+                      std::make_tuple(r.hr, r.ipcid, r.id, r.body == body, r.bodyNull, r.ext));
+        }
+        EXPECT_EQ(pipeSize, PipeSizeOf(fifo));
+    }
+    EXPECT_EQ(S_OK, pair.client->finalize());
+    EXPECT_EQ(S_OK, pair.server->finalize());
+    pair.serverLoop->join();
+    pair.clientLoop->join();
+    // The connection, five requests of their type, ..., the shutdown.
+    for (const auto& [seen, type] : {std::make_pair(pair.serverLoop->results(), 7),
+                                     std::make_pair(pair.clientLoop->results(), -9)}) {
+        ASSERT_GE(seen.size(), 7u);  // the server may see the client go first
+        for (size_t i = 1; i < 6; ++i) EXPECT_EQ(type, seen[i].type);
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, seen.back().hr);
     }
 }
 
-TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
+INSTANTIATE_TEST_SUITE_P(ExtensionSizes, RoundTripTest, ::testing::Values(48ul, 5ul, 0ul));
+
+// 63 clients, a refused 64th, freed slots reused lowest first, a second initialize a no-op.
+TEST_F(TransportTest, SixtyThreeClientsAndTheirSlots) {
     auto server = MakeServer(m_guid, 63, 0);
     ASSERT_EQ(S_OK, server->initialize());
     RequestLoop serverLoop(*server, 0);
@@ -136,14 +93,42 @@ TEST_F(TransportTest, SixtyThreeClientsConnectAndTheSixtyFourthIsRefused) {
     for (auto& c : clients) ExpectRoundTrip(*c, "ping");
 
     auto refused = MakeClient(m_guid, 0);
-    const int fdsOfRefused = CountOpenFds();
+    int fds = CountOpenFds();
     ASSERT_EQ(S_OK, refused->initialize());
     ASSERT_TRUE(m_capture.wait("server has too many clients"));
     // Its connect thread ended and gave every descriptor up.
-    EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == fdsOfRefused; }, DEADLINE));
+    EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == fds; }, DEADLINE));
     unsigned long id = 0;
     EXPECT_EQ(QVIPC_E_NO_PIPE, refused->sendRequest(0, "x", 1, &id, 1, nullptr));
-    EXPECT_EQ(63u, serverLoop.connections().size());
+    EXPECT_EQ(S_OK, server->initialize());
+    EXPECT_EQ(S_OK, clients[0]->initialize());
+    EXPECT_EQ(fds, CountOpenFds());
+
+    clients[7]->finalize();
+    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1));
+    clients[3]->finalize();
+    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 2));
+    std::vector<unsigned long> freed;
+    for (const Received& r : serverLoop.results()) {
+        if (r.hr == QVIPC_E_DISCONNECTED) freed.push_back(r.ipcid);
+    }
+    std::sort(freed.begin(), freed.end());
+    clients.push_back(MakeClient(m_guid, 0));
+    ASSERT_EQ(S_OK, clients.back()->initialize());
+    ASSERT_TRUE(serverLoop.waitConnections(64));
+    EXPECT_EQ(freed[0], serverLoop.connections()[63]);
+    ExpectRoundTrip(*clients.back(), "again");
+    // A freed slot has no pipe; one beyond the slots, or 0 on a server, is invalid.
+    const std::tuple<unsigned long, bool, QVRESULT> cases[] = {{freed[1], false, QVIPC_E_NO_PIPE},
+                                                               {64, false, QVIPC_E_INVALID_ID},
+                                                               {0, false, QVIPC_E_INVALID_ID},
+                                                               {0, true, QVIPC_E_NO_PIPE},
+                                                               {64, true, QVIPC_E_INVALID_ID}};
+    for (const auto& [ipcid, response, hr] : cases) {
+        EXPECT_EQ(hr, response ? server->sendResponse(ipcid, 1, "x", 1, nullptr)
+                               : server->sendRequest(ipcid, "x", 1, &id, 1, nullptr))
+            << ipcid << response;
+    }
 }
 
 TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
@@ -157,15 +142,11 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
         // A new connection clears the outputs that carry a message; nothing stale survives.
         unsigned long ipcid = 99, id = 99, len = 99;
         int type = 99;
-        char stale = 's';
-        char* buf = &stale;
+        char* buf = reinterpret_cast<char*>(&type);
         ASSERT_EQ(QVIPC_E_NEW_CONNECTION,
                   server->receiveRequest(&ipcid, &id, &buf, &len, &type, nullptr));
-        EXPECT_EQ(slot, ipcid);
-        EXPECT_EQ(0ul, id + len + static_cast<unsigned long>(type));
-        EXPECT_EQ(nullptr, buf);
+        EXPECT_EQ(std::make_tuple(slot, 0ul, 0ul, 0, nullptr), std::tie(ipcid, id, len, type, buf));
     }
-    // Both FIFOs hold ten messages before the server looks again.
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(S_OK, SendWhenConnected(*first, "first"));
         ASSERT_EQ(S_OK, SendWhenConnected(*second, "second"));
@@ -176,8 +157,7 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
         const Received r = ReceiveRequest(*server, 0);
         ASSERT_EQ(S_OK, r.hr);
         EXPECT_EQ(static_cast<unsigned long>(i % 2 + 1), r.ipcid) << i;
-        bodyOfSlot.emplace(r.ipcid, r.body);
-        EXPECT_EQ(bodyOfSlot[r.ipcid], r.body);
+        EXPECT_EQ(bodyOfSlot.emplace(r.ipcid, r.body).first->second, r.body);
     }
     EXPECT_NE(bodyOfSlot[1], bodyOfSlot[2]);
     first->finalize();
@@ -185,136 +165,53 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
     server->finalize();
 }
 
-TEST_F(TransportTest, FinalizeWakesBlockedServerReceiversAndWaitsForThem) {
-    auto server = MakeServer(m_guid, 2);
-    ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop requests(*server);
-    Received response;
-    std::atomic<bool> responseDone{false};
-    std::thread responses([&] {
-        response = ReceiveResponse(*server);
-        responseDone.store(true);
-    });
-    ASSERT_TRUE(m_capture.wait("receiveRequestPrimaryServer ("));
-    ASSERT_TRUE(m_capture.wait("receiveResponseServer ("));
-    EXPECT_EQ(S_OK, server->finalize());
-    EXPECT_TRUE(WaitFor([&] { return responseDone.load(); }, DEADLINE));
-    responses.join();
-    requests.join();
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, response.hr);
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, requests.results().back().hr);
-    // Shut down for good: every call answers QVIPC_E_SHUTDOWN, initialize too.
-    unsigned long id = 0;
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, server->sendRequest(1, "x", 1, &id, 1, nullptr));
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, server->sendResponse(1, 1, "x", 1, nullptr));
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, ReceiveRequest(*server).hr);
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, server->initialize());
-    EXPECT_EQ(S_OK, server->finalize());
-}
-
-TEST_F(TransportTest, FinalizeOfAConnectedClientWakesItsReceiversAndRemovesItsFifos) {
+// Receivers blocked in select() take in a peer that connects later; finalize wakes them, waits
+// for them and removes the endpoint's FIFOs, also in a client whose server never came.
+TEST_F(TransportTest, BlockedReceiversTakeInLatePeersAndWakeAtFinalize) {
     auto server = MakeServer(m_guid, 2);
     ASSERT_EQ(S_OK, server->initialize());
     RequestLoop serverLoop(*server);
-    auto client = MakeClient(m_guid);
-    ASSERT_EQ(S_OK, client->initialize());
-    RequestLoop clientLoop(*client);
-    ASSERT_TRUE(clientLoop.waitConnections(1));
-    Received response;
-    std::thread responses([&] { response = ReceiveResponse(*client); });
-    ASSERT_TRUE(m_capture.wait("receiveResponseOnClientPipe ("));
+    Received got;
+    std::thread receiver([&] { got = ReceiveResponse(*server); });
+    ASSERT_TRUE(m_capture.wait("receiveResponseServer ("));
+    const std::string lonely = TestGuid();
+    m_moreGuids.push_back(lonely);
+    std::unique_ptr<CQVIPCLibrary> clients[] = {MakeClient(m_guid), MakeClient(lonely)};
+    std::unique_ptr<RequestLoop> loops[2];
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(S_OK, clients[i]->initialize());
+        loops[i] = std::make_unique<RequestLoop>(*clients[i]);
+    }
+    ASSERT_TRUE(serverLoop.waitConnections(1));
+    unsigned long id = 0;
+    ASSERT_EQ(S_OK, SendWhenConnected(*server, "late", 3, 1, &id));
+    receiver.join();
+    EXPECT_EQ(std::make_tuple(S_OK, 1ul, id, std::string("late")),
+              std::tie(got.hr, got.ipcid, got.id, got.body));
+    ASSERT_TRUE(m_capture.wait("can't open fdSendAdmin /tmp/" + lonely + "-svr-admin"));
     EXPECT_EQ(5u, GuidFiles(m_guid).size());
-    EXPECT_EQ(S_OK, client->finalize());
-    responses.join();
-    clientLoop.join();
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, response.hr);
-    EXPECT_EQ(QVIPC_E_SHUTDOWN, clientLoop.results().back().hr);
-    EXPECT_EQ(std::vector<std::string>{m_guid + "-svr-admin"}, GuidFiles(m_guid));
-    EXPECT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 1));
-}
-
-TEST_F(TransportTest, ClientStartedFirstConnectsOnceTheServerAppearsOrStopsAtFinalize) {
-    for (const bool serverComes : {true, false}) {
-        SCOPED_TRACE(serverComes);
-        const std::string guid = serverComes ? m_guid : TestGuid();
-        m_moreGuids.push_back(guid);
-        auto client = MakeClient(guid);
-        ASSERT_EQ(S_OK, client->initialize());
-        RequestLoop clientLoop(*client);
-        Received response;
-        std::thread responses([&] { response = ReceiveResponse(*client); });
-        // The connect thread has looked for a server once and found none.
-        ASSERT_TRUE(m_capture.wait("can't open fdSendAdmin /tmp/" + guid + "-svr-admin"));
-        if (serverComes) {
-            auto server = MakeServer(guid, 2);
-            ASSERT_EQ(S_OK, server->initialize());
-            RequestLoop serverLoop(*server);
-            ASSERT_TRUE(clientLoop.waitConnections(1));
-            ASSERT_EQ(S_OK, SendWhenConnected(*client, "hello"));
-            responses.join();
-            EXPECT_EQ("hello", response.body);
-            client->finalize();
-        } else {
-            EXPECT_EQ(S_OK, client->finalize());
-            responses.join();
-            EXPECT_EQ(QVIPC_E_SHUTDOWN, response.hr);
-            EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
-        }
-        clientLoop.join();
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, clientLoop.results().back().hr);
-    }
-}
-
-TEST_F(TransportTest, FreedSlotsAreReusedLowestFirst) {
-    auto server = MakeServer(m_guid, 4, 0);
-    ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop serverLoop(*server, 0);
-    std::vector<std::unique_ptr<CQVIPCLibrary>> clients;
+    // The clients, then the server: each with a response receiver blocked.
+    const char* blockedIn[] = {"receiveResponseOnClientPipe (", "receiveResponse (",
+                               "receiveResponseServer ("};
     for (int i = 0; i < 3; ++i) {
-        clients.push_back(MakeClient(m_guid, 0));
-        ASSERT_EQ(S_OK, clients.back()->initialize());
-        ASSERT_TRUE(serverLoop.waitConnections(clients.size()));
+        SCOPED_TRACE(i);
+        CQVIPCLibrary& lib = i < 2 ? *clients[i] : *server;
+        const size_t entered = m_capture.count(blockedIn[i]);
+        receiver = std::thread([&] { got = ReceiveResponse(lib); });
+        ASSERT_TRUE(m_capture.wait(blockedIn[i], entered + 1));
+        EXPECT_EQ(S_OK, lib.finalize());
+        receiver.join();
+        RequestLoop& loop = i < 2 ? *loops[i] : serverLoop;
+        loop.join();
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, got.hr);
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, loop.results().back().hr);
+        const std::string guid = i == 1 ? lonely : m_guid;
+        EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
+        EXPECT_TRUE(i != 0 || serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 1));
     }
-    EXPECT_EQ((std::vector<unsigned long>{1, 2, 3}), serverLoop.connections());
-    clients[1]->finalize();
-    ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 2));
-    EXPECT_EQ(1u, serverLoop.count(QVIPC_E_DISCONNECTED));
-
-    clients.push_back(MakeClient(m_guid, 0));
-    ASSERT_EQ(S_OK, clients.back()->initialize());
-    ASSERT_TRUE(serverLoop.waitConnections(4));
-    EXPECT_EQ(2ul, serverLoop.connections()[3]);
-    ExpectRoundTrip(*clients.back(), "again");
-    // A slot never used has no pipe; one beyond the slots, or 0 on a server, is invalid.
-    struct Case {
-        unsigned long ipcid;
-        bool response;
-        QVRESULT hr;
-    };
-    const Case cases[] = {{4, false, QVIPC_E_NO_PIPE},
-                          {5, false, QVIPC_E_INVALID_ID},
-                          {0, false, QVIPC_E_INVALID_ID},
-                          {0, true, QVIPC_E_NO_PIPE},
-                          {5, true, QVIPC_E_INVALID_ID}};
-    for (const Case& c : cases) {
-        unsigned long id = 0;
-        EXPECT_EQ(c.hr, c.response ? server->sendResponse(c.ipcid, 1, "x", 1, nullptr)
-                                   : server->sendRequest(c.ipcid, "x", 1, &id, 1, nullptr))
-            << c.ipcid << (c.response ? " response" : " request");
-    }
-    for (auto& c : clients) c->finalize();
-    server->finalize();
-}
-
-TEST_F(TransportTest, SecondInitializeChangesNothing) {
-    ConnectedPair pair(m_guid, 2);
-    ASSERT_TRUE(pair.ok);
-    const int fds = CountOpenFds();
-    EXPECT_EQ(S_OK, pair.server->initialize());
-    EXPECT_EQ(S_OK, pair.client->initialize());
-    EXPECT_EQ(fds, CountOpenFds());
-    ExpectRoundTrip(*pair.client, "still");
-    EXPECT_EQ(1u, pair.serverLoop->connections().size());
+    // Shut down for good, initialize too.
+    EXPECT_EQ(QVIPC_E_SHUTDOWN, server->sendRequest(1, "x", 1, &id, 1, nullptr));
+    EXPECT_EQ(QVIPC_E_SHUTDOWN, server->initialize());
 }
 
 }  // namespace
