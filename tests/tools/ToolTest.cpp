@@ -57,9 +57,8 @@ public:
     pid_t pid() const { return m_pid; }
     int wait() {  // the exit status, or 128 + the signal that ended it
         int status = 0;
-        if (m_status == -1 && m_pid > 0 && waitpid(m_pid, &status, 0) == m_pid) {
+        if (m_status == -1 && m_pid > 0 && waitpid(m_pid, &status, 0) == m_pid)
             m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
         return m_status;
     }
     std::string out() const { return ReadFile(m_base + ".out"); }
@@ -89,9 +88,7 @@ protected:
         EXPECT_EQ(status, tool.wait()) << args[0] << " " << tool.err();
         return err ? tool.err() : tool.out();
     }
-    std::string Sweep(const char* option = "--") {
-        return Run({"sweep", "--guid", m_guid, option}, 0);
-    }
+    std::string Sweep(const char* opt = "--") { return Run({"sweep", "--guid", m_guid, opt}, 0); }
     const std::string m_guid = qvtest::TestGuid();
 };
 
