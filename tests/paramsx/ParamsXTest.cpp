@@ -43,7 +43,6 @@ TEST(ParamsXTest, WorkedExampleBuildsAndIndexesTheSameList) {
 // A value may hold any byte, separators and NUL included: its length alone ends it.
 TEST(ParamsXTest, StringListsRoundTripThroughTheirText) {
     const std::tuple<const char*, Strings, std::string> cases[] = {
-        // header, values, text
         {"", {""}, "0;"},
         {"", {"a;b", "12;x;", "", ";"}, "3;a;b;5;12;x;;0;;1;;"},
         {"", {std::string("a\0b", 3), "c"}, std::string("3;a\0b;1;c", 9)},
@@ -95,7 +94,6 @@ TEST(ParamsXTest, TypedValuesEncodeAndReadBack) {
 // Parameter 0 is the result code when 10 characters long.
 TEST(ParamsXTest, HostileTextsAndTheirResultCodes) {
     const std::tuple<const char*, long, Strings> cases[] = {
-        // text, result, values
         {"5abc", E, {}},                                  // no ";" after the length
         {"Cmd;10", E, {}},                                // the same after a header
         {"Cmd;;", E, {}},                                 // an empty length field

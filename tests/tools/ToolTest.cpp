@@ -99,12 +99,12 @@ TEST_F(ToolTest, CommandsThatAnswerAtOnce) {
     std::ofstream(file) << doc;
     const auto Expect = [&](int status, const std::string& text, const Args& args,
                             const std::string& in = "") {
+        SCOPED_TRACE(args.empty() ? "qvipc" : args[0] + " " + args.back());
         CTool tool(m_guid, args, in);
-        const std::string what = args.empty() ? "qvipc" : args[0] + " " + args.back();
-        EXPECT_EQ(status, tool.wait()) << what;
+        EXPECT_EQ(status, tool.wait());
         const std::string got = status == 0 ? tool.out() : tool.err();
-        EXPECT_NE(std::string::npos, got.find(text)) << what << ": " << got;
-        EXPECT_TRUE(status == 1 || (status == 0 ? tool.err() : tool.out()).empty()) << what;
+        EXPECT_NE(std::string::npos, got.find(text)) << got;
+        EXPECT_TRUE(status == 1 || (status == 0 ? tool.err() : tool.out()).empty());
         EXPECT_TRUE(status == 0 || args.empty() || std::count(got.begin(), got.end(), '\n') == 1)
             << got;
     };
@@ -198,7 +198,7 @@ TEST_F(ToolTest, ServeEchoesPingAcrossProcesses) {
     EXPECT_EQ(0u, Run({"serve", "--guid", m_guid}, 1, true)
                       .find("qvipc serve: the service " + m_guid + " already has a server"));
     CTool ping(m_guid, {"ping", "--guid", m_guid, "--count", "40", "--clients", "3", "--size",
-                        "0,5,4096,70000", "--ext-size", "48"});
+                        "0,5,4096,70000", "--ext-size", "48", "--connect-timeout", "120"});
     ASSERT_EQ(0, ping.wait()) << ping.err();
     EXPECT_EQ(0u, ping.out().find("round trips: 120 (3 clients), failures: 0\nlatency (us): p50 "))
         << ping.out();
