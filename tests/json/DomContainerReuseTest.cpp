@@ -1,6 +1,5 @@
-// Containers and their vectors outlive the tree they were released from: a thread keeps them
-// for the next documents it reads. Nothing a released tree held may show through in the next,
-// and trees must still be releasable on any thread, and by callers, the ordinary way.
+// A thread keeps the containers of released trees for its next documents: nothing of them may
+// show through, and trees stay releasable on any thread and by callers.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -10,7 +9,7 @@
 
 namespace {
 
-// Same shape twice: every container of the second document is built from what the first held.
+// Same shape: every container of the second document is built from what the first held.
 const char* const SHAPE = R"({"a":[1,2],"b":{"c":"x","d":[true]},"e":[{"f":null}]})";
 const char* const SAME_SHAPE = R"({"g":[3,4],"h":{"i":"y","j":[false]},"k":[{"l":5}]})";
 
@@ -18,7 +17,6 @@ TEST(DomContainerReuseTest, ChangedValuesOfAReleasedTreeDoNotShowInTheNext) {
     JSON::Message m;
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(m.Parse(SHAPE));
-        // Owned texts, a replaced child, a name index and a detached child: all released.
         m["a"].Set(0, "owned");
         m["b"].Set("c", 2.5);
         m["e"][0].Set("f", true);

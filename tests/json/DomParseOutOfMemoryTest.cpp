@@ -1,7 +1,5 @@
-// Every allocation of a parse, of updates and of a copy is made to fail in turn: the failure
-// must surface as std::bad_alloc, leave a message that works again and leak nothing. The
-// replaced global allocation functions count the blocks in use, so that leaks fail in every
-// build; they affect the whole program, hence a program of its own.
+// Every allocation of a parse, of updates and of a copy fails in turn: std::bad_alloc, a message
+// that works again, no leak. The global allocation functions count blocks, in every build.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -16,12 +14,9 @@
 
 namespace {
 
-// Allocations the calling thread may still make before one fails; -1: none is failed.
-thread_local long t_allocationsBeforeFailure = -1;
-std::atomic<long> g_blocks{0};
-std::atomic<long> g_bytes{0};
+thread_local long t_allocationsBeforeFailure = -1;  // -1: none is failed
+std::atomic<long> g_blocks{0}, g_bytes{0};
 
-// A failed allocation throws, or gives null to the nothrow forms.
 void* Allocate(std::size_t size, bool nothrow = false) {
     void* p = nullptr;
     if (t_allocationsBeforeFailure != 0) p = std::malloc(size != 0 ? size : 1);
@@ -45,14 +40,10 @@ void Free(void* p) {
 
 }  // namespace
 
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size, true);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size, true);
-}
+void* operator new(std::size_t n) { return Allocate(n); }
+void* operator new[](std::size_t n) { return Allocate(n); }
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return Allocate(n, true); }
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return Allocate(n, true); }
 void operator delete(void* p) noexcept { Free(p); }
 void operator delete[](void* p) noexcept { Free(p); }
 void operator delete(void* p, std::size_t) noexcept { Free(p); }
@@ -66,8 +57,7 @@ const char* const DOC = R"({"a":[1,{"b":[true,"x",{"c":{}}]},[[],[2]]],"d":{"e":
 const char* const EDITED =
     R"({"a":[1,"flat",[[],[2]],null,null,2.5],"d":{"e":1},"g":[null],"h":"owned","i":true})";
 
-// What a message goes through: a parse into what it held, updates that add, replace, grow and
-// release, a copy and an assignment.
+// A parse into what the message held; updates that add, replace, grow and release; copies.
 void Edit(JSON::Message& m) {
     m.Parse(DOC);
     m.Set("h", "owned");
@@ -79,9 +69,8 @@ void Edit(JSON::Message& m) {
     m = copy;
 }
 
-// Runs Edit on a message holding the tree of `prior` with allocation n failing, then again
-// without; true when an allocation was failed. A fresh thread has no per-thread cache yet, so
-// every attempt makes the same allocations.
+// Edit with allocation n failing, then without; true when one failed. A fresh thread has no
+// cache yet, so every attempt makes the same allocations.
 bool EditFailingAt(const char* prior, long n) {
     bool failed = false;
     std::thread([&] {
@@ -104,7 +93,6 @@ bool EditFailingAt(const char* prior, long n) {
 }
 
 TEST(DomParseOutOfMemoryTest, EveryFailedAllocationThrowsLeaksNothingAndLeavesAUsableMessage) {
-    // A fresh message, a root of the other kind to replace, a root of the same kind to reuse.
     for (const char* prior : {static_cast<const char*>(nullptr), "[0]", R"({"z":[1]})"}) {
         long n = 0;
         for (bool failed = true; failed; ++n) {
@@ -116,18 +104,15 @@ TEST(DomParseOutOfMemoryTest, EveryFailedAllocationThrowsLeaksNothingAndLeavesAU
     }
 }
 
-// A message in thread-local storage is destroyed as its thread ends, after the thread's cache
-// may have been given back.
+// Destroyed as its thread ends, perhaps after the thread's cache was given back.
 thread_local JSON::Message t_message;
 
-// A thread keeps what released trees held, for its next documents, but not without bound, and
-// gives it all back when it ends.
+// A thread keeps what released trees held, within a bound, and gives it back when it ends.
 TEST(DomParseOutOfMemoryTest, ReleasedTreesAreKeptWithinABound) {
     std::string doc = "[";
     for (int i = 0; i < 100000; ++i) doc += R"([0],{"k":0},)";
     doc.back() = ']';
-    const long blocks = g_blocks;
-    const long bytes = g_bytes;
+    const long blocks = g_blocks, bytes = g_bytes;
     long kept = 0;
     std::thread([&] {
         ASSERT_TRUE(t_message.Parse(DOC));

@@ -1,5 +1,4 @@
-// The value model and messages: misses, conversions, lookups by name, ordinal and path with
-// their lazy indexes, updates, deep copies, and the C interface driven from C.
+// The value model and messages: misses, conversions, lookups, indexes, updates and copies.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -16,14 +15,12 @@ extern "C" int DomCExercise(void);
 
 namespace {
 
-// One document read by dotted path: the value found, its conversions and its text.
 TEST(DomValueTest, PathsLookupsAndConversions) {
     JSON::Message m;
     ASSERT_TRUE(
         m.Parse(R"({"a":1,"b":[true,null,"x",2.9,-2.9,"12",5e-1,1e300,-1e300,)"
                 R"(99999999999,-99999999999,+12,false,[7]],"":{"":5},"e":{"":{"b":7}},".k":8})"));
-    // Strings are not read as numbers; strtol saturates at the range of long, which is wider
-    // than int on a 64-bit target.
+    // Strings are not read as numbers; strtol saturates at the range of long.
     const double longMax = sizeof(long) == 4 ? 2147483647.0 : 99999999999.0;
     const double longMin = sizeof(long) == 4 ? -2147483648.0 : -99999999999.0;
     const int ints[] = {1, 0, 0, 2, -2, 0, 0, INT_MAX, INT_MIN, INT_MAX, INT_MIN, 12, 0, 0};
@@ -33,8 +30,7 @@ TEST(DomValueTest, PathsLookupsAndConversions) {
         EXPECT_EQ(ints[i], m["b"][i].AsInt()) << i;
         EXPECT_EQ(doubles[i], m["b"][i].AsDouble()) << i;
     }
-    // An empty segment, or one without digits, is element 0 of an array; strtol skips white
-    // space. A leading dot stays in the first name. An empty text: the none value.
+    // A segment without digits is element 0 of an array; a leading dot stays in the first name.
     const char* const paths[][2] = {
         {"a", "1"},        {"b.2", "\"x\""},  {"b.13", "[7]"}, {"b.", "true"},
         {"b.abc", "true"}, {"b. 1x", "null"}, {"e..b", "7"},   {"e.", "{\"b\":7}"},
@@ -97,7 +93,7 @@ TEST(DomValueTest, LookupsFindEveryNameAndString) {
     }
 }
 
-TEST(DomValueTest, IndexesOfEmptyMixedAndDuplicateContents) {
+TEST(DomValueTest, IndexesOfEmptyMixedDuplicateAndCutOffContents) {
     JSON::Message m;
     ASSERT_TRUE(m.Parse("{}"));
     EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("a"));
@@ -115,6 +111,15 @@ TEST(DomValueTest, IndexesOfEmptyMixedAndDuplicateContents) {
     EXPECT_EQ(-1, m.m_pComposite->OrdinalOf("z"));
     EXPECT_EQ(nullptr, m.m_pComposite->NameAt(1));
     EXPECT_FALSE(m.m_pComposite->MakeMap());
+    EXPECT_FALSE(m.Parse(R"({"b":1,"a":2,"z")"));  // one name more than members
+    EXPECT_EQ(nullptr, m.GetByName("z"));
+    EXPECT_EQ(nullptr, m.m_pComposite->NameAt(2));
+    m.Set("c", 3);
+    EXPECT_STREQ("c", m.m_pComposite->NameAt(2));  // added, and not yet looked up
+    m.Set("z", 4);
+    EXPECT_EQ(R"({"b":1,"a":2,"c":3,"z":4})", Text(m));
+    EXPECT_EQ(4, m["z"].AsInt());
+    EXPECT_EQ(Text(m), Text(JSON::Message(m)));
 }
 
 TEST(DomValueTest, UpdatesBuildReplaceAndRefuse) {
@@ -155,19 +160,6 @@ TEST(DomValueTest, UpdatesBuildReplaceAndRefuse) {
     EXPECT_EQ(nullptr, m.m_pComposite->NameAt(0));
     m.Set("x", 1);
     EXPECT_EQ(R"({"x":1})", Text(m));
-}
-
-TEST(DomValueTest, NameLeftByACutOffObjectIsHarmless) {
-    JSON::Message m;
-    EXPECT_FALSE(m.Parse(R"({"b":1,"a":2,"z")"));  // one name more than members
-    EXPECT_EQ(nullptr, m.GetByName("z"));
-    EXPECT_EQ(nullptr, m.m_pComposite->NameAt(2));
-    m.Set("c", 3);
-    EXPECT_STREQ("c", m.m_pComposite->NameAt(2));  // added, and not yet looked up
-    m.Set("z", 4);
-    EXPECT_EQ(R"({"b":1,"a":2,"c":3,"z":4})", Text(m));
-    EXPECT_EQ(4, m["z"].AsInt());
-    EXPECT_EQ(Text(m), Text(JSON::Message(m)));
 }
 
 TEST(DomMessageTest, CopiesOwnTheirTextAndTree) {

@@ -1,5 +1,4 @@
-// The writers: string escaping, number texts, the streaming writer's separators, refusals and
-// nesting bound, and the pretty printer's layout.
+// The writers: escaping, number texts, the streaming writer and the pretty printer.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -19,15 +18,13 @@
 namespace {
 
 TEST(WriterEscapeTest, EscapesControlBytesQuotesAndBackslashesOnly) {
-    const char* const control[0x20] = {
-        "",        "\\u0001", "\\u0002", "\\u0003", "\\u0004", "\\u0005", "\\u0006", "\\u0007",
-        "\\b",     "\\t",     "\\n",     "\\u000b", "\\f",     "\\r",     "\\u000e", "\\u000f",
-        "\\u0010", "\\u0011", "\\u0012", "\\u0013", "\\u0014", "\\u0015", "\\u0016", "\\u0017",
-        "\\u0018", "\\u0019", "\\u001a", "\\u001b", "\\u001c", "\\u001d", "\\u001e", "\\u001f"};
     std::string text = "\"\\", expected = "<\\\"\\\\";
     for (int b = 0x01; b < 0x100; ++b) {
+        char u[16];
+        std::snprintf(u, sizeof u, "\\u%04x", b);  // but for the five with a letter of their own
+        const char letter = b >= 8 && b <= 13 && b != 11 ? "btn?fr"[b - 8] : '\0';
         text.push_back(static_cast<char>(b));
-        if (b < 0x20) expected += control[b];
+        if (b < 0x20) expected += letter != '\0' ? std::string{'\\', letter} : std::string(u);
         if (b >= 0x20) expected.push_back(b == '"' || b == '\\' ? '\\' : static_cast<char>(b));
         if (b == '"' || b == '\\') expected.push_back(static_cast<char>(b));
     }
@@ -37,8 +34,8 @@ TEST(WriterEscapeTest, EscapesControlBytesQuotesAndBackslashesOnly) {
     EXPECT_EQ(expected, out);
 }
 
-// Doubles of moderate size take a path of their own; their texts must still be exactly the
-// C library's, at rounding ties and at the ends of the plain-decimal range.
+// Doubles of moderate size take a path of their own: still the C library's texts, at rounding
+// ties and at the ends of the plain-decimal range.
 TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
     std::vector<double> values = {1e-4, 0.000099999995, 999999.5, 999999.49999999, 1e6, 0.3};
     std::mt19937_64 rng(20261123);
@@ -52,8 +49,7 @@ TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
     }
     for (double v : values) {
         for (double sample : {v, -v}) {
-            char ours[32];
-            char theirs[32];
+            char ours[32], theirs[32];
             DoubleToStr(sample, ours, sizeof ours);
             std::snprintf(theirs, sizeof theirs, "%g", sample);
             ASSERT_STREQ(theirs, ours) << std::hexfloat << sample;
@@ -80,8 +76,7 @@ TEST(WriterSerializeTest, WritesCompactText) {
 }
 
 TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
-    // Each case's last call is the refused one; the text is what came before it.
-    const struct {
+    const struct {  // the last call is refused; the text is what came before it
         void (*calls)(JSON::Serialize&);
         const char* text;
     } cases[] = {
@@ -125,9 +120,9 @@ TEST(WriterSerializeTest, NestsThirtyTwoLevelsAndRefusesTheNext) {
     EXPECT_EQ(std::string(32, '['), deep.String());
 }
 
-std::string Pretty(const std::string& text) {
+std::string Pretty(const char* text) {
     std::string out = "left over";
-    JSON_PrettyPrint(text.c_str(), out);
+    JSON_PrettyPrint(text, out);
     return out;
 }
 
@@ -145,15 +140,13 @@ TEST(WriterPrettyPrintTest, LaysOutBracketsAndCommas) {
         {"{]]{", "\n{\n\t\n]\n]\n{\n"},
     };
     for (const auto& c : cases) EXPECT_EQ(c[1], Pretty(c[0])) << c[0];
-    std::string out = "left over";
-    JSON_PrettyPrint(nullptr, out);
-    EXPECT_EQ("", out);
+    EXPECT_EQ("", Pretty(nullptr));
     const std::string run(30000, 'r');
-    EXPECT_EQ("\n[\n\t\"" + run + "\",1\n]", Pretty("[\"" + run + "\",1]"));
+    EXPECT_EQ("\n[\n\t\"" + run + "\",1\n]", Pretty(("[\"" + run + "\",1]").c_str()));
 }
 
-// Forty levels: a line break takes more tabs than one short store, and after runs of "1," the
-// tabs of one break straddle the end of the printer's output block somewhere.
+// Forty levels: a break takes more tabs than one short store; after runs of "1," the tabs of
+// one break straddle the end of an output block somewhere.
 TEST(WriterPrettyPrintTest, DeepLinesAcrossTheOutputBlocks) {
     const std::string deep = std::string(41, '[') + "0" + std::string(41, ']');
     std::string expected, closing;
@@ -162,11 +155,12 @@ TEST(WriterPrettyPrintTest, DeepLinesAcrossTheOutputBlocks) {
         closing = "\n" + std::string(depth, '\t') + "]" + closing;
     }
     expected += "0" + closing;
-    EXPECT_EQ(expected, Pretty(deep));
+    EXPECT_EQ(expected, Pretty(deep.c_str()));
     std::string ones(7800, '1');
     for (size_t i = 1; i < ones.size(); i += 2) ones[i] = ',';
     for (; ones.size() < 8400; ones += "1,") {
-        ASSERT_EQ("\n[\n\t" + ones + expected.substr(4), Pretty("[" + ones + deep.substr(1)));
+        ASSERT_EQ("\n[\n\t" + ones + expected.substr(4),
+                  Pretty(("[" + ones + deep.substr(1)).c_str()));
     }
 }
 

@@ -1,5 +1,4 @@
-// A child process that holds a named mutex until it is killed, for the tests of the mutex and of
-// the id generator built on it.
+// A child process that holds a named mutex until it is killed; the lock goes with the process.
 #ifndef TESTS_PLATFORM_MUTEXHOLDER_H_
 #define TESTS_PLATFORM_MUTEXHOLDER_H_
 
@@ -11,7 +10,6 @@
 namespace qvtest {
 
 struct MutexHolder : CHeldChild {
-    // The mutex object lives until the child ends; its lock goes with the process.
     explicit MutexHolder(const std::string& name)
         : CHeldChild([name] { return (new CPMutex(1, 0, name, 0, 1))->wait(~0ul, nullptr) == 0; }) {
     }

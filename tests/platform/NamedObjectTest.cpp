@@ -1,5 +1,4 @@
-// Named mutexes and shared memory as other holders and processes see them, and the files behind
-// them: names that cannot leave their directory, files of another kind refused.
+// Named mutexes and shared memory as other holders and processes see them, and their files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <cstdint>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "platform/NamedObject.h"
 #include "platform/PSharedMemory.h"
@@ -31,8 +31,7 @@ TEST_F(NamedObjectTest, FileNamesStayInTheirDirectoryAndNeverCollide) {
         {"../x", "%2E%2E%2Fx"},
         {"a%2Fb", "a%252Fb"},
         {"", "%"},
-        {std::string(" \n\0\xff", 4), "%20%0A%00%FF"},
-    };
+        {std::string(" \n\0\xff", 4), "%20%0A%00%FF"}};
     for (const auto& c : cases) EXPECT_EQ(c.second, namedObjectFileName(c.first)) << c.first;
     // A name too long for a file is cut, and told apart from its neighbours by a hash.
     const std::string cut = namedObjectFileName(std::string(1000, '/'));
@@ -48,13 +47,8 @@ TEST_F(NamedObjectTest, SharedDirOpensOnlyTheKindAskedAndNoLink) {
     ASSERT_EQ(0, mkdir((base + "-dir").c_str(), 0700));
     ASSERT_EQ(0, symlink((base + "-file").c_str(), (base + "-link").c_str()));
     ASSERT_EQ(0, symlink((base + "-new").c_str(), (base + "-dangling").c_str()));
-    struct Case {
-        const char* name;
-        mode_t type;
-        int flags;
-        int err;  // 0: opened
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, mode_t, int, int> cases[] = {
+        // name, type, flags, errno
         {"-file", S_IFREG, O_RDWR, 0},
         {"-fifo", S_IFIFO, O_RDWR | O_NONBLOCK, 0},
         {"-fifo", S_IFREG, O_RDWR | O_NONBLOCK, EEXIST},
@@ -66,10 +60,10 @@ TEST_F(NamedObjectTest, SharedDirOpensOnlyTheKindAskedAndNoLink) {
         {"-absent", S_IFREG, O_RDWR, ENOENT},
     };
     const int fds = qvtest::CountOpenFds();
-    for (const Case& c : cases) {
+    for (const auto& [name, type, flags, err] : cases) {
         errno = 0;
-        const int fd = openInSharedDir(base + c.name, c.flags, c.type);
-        EXPECT_EQ(c.err, fd < 0 ? errno : 0) << c.name << " " << c.type;
+        const int fd = openInSharedDir(base + name, flags, type);
+        EXPECT_EQ(err, fd < 0 ? errno : 0) << name << " " << type;
         EXPECT_TRUE(fd < 0 || (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0);
         if (fd >= 0) close(fd);
     }
@@ -88,7 +82,6 @@ TEST_F(NamedObjectTest, SharedMemoryIsMadeZeroedOnceAndSharedAcrossProcesses) {
     EXPECT_EQ(0u, words[0] | words[1]);
     words[0] = 41;
     words[1] = 7;
-    // Another process opens a smaller block of the same name and counts in it.
     qvtest::CHeldChild child([&] {
         CPSharedMemory shm(name, 8);
         if (shm.getAddress() == nullptr || shm.isCreator() != 0) return false;
@@ -104,46 +97,40 @@ TEST_F(NamedObjectTest, SharedMemoryIsMadeZeroedOnceAndSharedAcrossProcesses) {
     EXPECT_EQ(nullptr, CPSharedMemory(m_guid + "-EMPTY", 0).getAddress());
 }
 
-TEST_F(NamedObjectTest, MutexWaitsHoldOnUntilReleaseOrTerminate) {
+// A wait with no limit, a limit or a terminate object lasts until a release or terminate; a
+// holder's death releases.
+TEST_F(NamedObjectTest, MutexWaitsHoldOnUntilReleaseTerminateOrTheHoldersDeath) {
     const std::string name = m_guid + "/../x";
     CPMutex a(1, 0, name, 0, 1), b(1, 0, name, 0, 1), other(1, 0, m_guid, 0, 1);
     ASSERT_EQ(0, a.wait(NO_TIMEOUT, nullptr));
     EXPECT_NE(0, b.wait(50, nullptr));
     EXPECT_EQ(0, other.wait(0, nullptr));
-    // With no limit, a limit or a terminate object, a wait lasts until a release or terminate.
+    other.release();
     CTerminateWait stop;
-    struct Wait {
-        unsigned long timeout;
-        CTerminateWait* stop;
-        bool terminate;
-    };
-    for (const Wait& w : {Wait{NO_TIMEOUT, nullptr, false}, Wait{600000, nullptr, false},
-                          Wait{NO_TIMEOUT, &stop, false}, Wait{NO_TIMEOUT, &stop, true}}) {
+    const std::tuple<unsigned long, CTerminateWait*, bool> waits[] = {{NO_TIMEOUT, nullptr, false},
+                                                                      {600000, nullptr, false},
+                                                                      {NO_TIMEOUT, &stop, false},
+                                                                      {NO_TIMEOUT, &stop, true}};
+    for (const auto& [timeout, terminate, byTerminate] : waits) {
         std::atomic<int> result{1234};
-        std::thread waiter([&] {
-            result.store(b.wait(w.timeout, w.stop));
+        std::thread waiter([&, timeout = timeout, terminate = terminate] {
+            result.store(b.wait(timeout, terminate));
             if (result.load() == 0) b.release();
         });
         EXPECT_FALSE(
             qvtest::WaitFor([&] { return result.load() != 1234; }, std::chrono::milliseconds(100)));
-        if (w.terminate) stop.terminate();
-        if (!w.terminate) a.release();
+        byTerminate ? stop.terminate() : a.release();
         waiter.join();
-        EXPECT_EQ(w.terminate, result.load() != 0) << w.timeout;
-        ASSERT_TRUE(w.terminate || a.wait(NO_TIMEOUT, nullptr) == 0);
+        EXPECT_EQ(byTerminate, result.load() != 0) << timeout;
+        ASSERT_TRUE(byTerminate || a.wait(NO_TIMEOUT, nullptr) == 0);
     }
     a.release();
-    other.release();
-}
-
-TEST_F(NamedObjectTest, MutexHeldByAnotherProcessIsFreedByItsDeath) {
     qvtest::MutexHolder holder(m_guid);
     ASSERT_TRUE(holder.holding());
-    CPMutex m(1, 0, m_guid, 0, 1);
-    EXPECT_NE(0, m.wait(100, nullptr));
+    EXPECT_NE(0, other.wait(100, nullptr));
     holder.kill();
-    EXPECT_EQ(0, m.wait(NO_TIMEOUT, nullptr));
-    m.release();
+    EXPECT_EQ(0, other.wait(NO_TIMEOUT, nullptr));
+    other.release();
 }
 
 }  // namespace

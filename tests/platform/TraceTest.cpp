@@ -1,5 +1,4 @@
-// The trace utility and the line sink: what reaches a callback or a log file, and when nothing
-// is written at all.
+// The trace utility and the line sink: what reaches a callback or a log file, and when not.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,16 +21,12 @@ void Capture(void* lines, int kind, int traceClass, int priority, const char* te
     static_cast<std::vector<Line>*>(lines)->emplace_back(kind, traceClass, priority, text);
 }
 
-void CreateTraceUtility() {
-    CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);
-}
-
 // The utility is shared and counted; lines are written while it exists and a sink is set.
 TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
     std::vector<Line> lines;
     QVSetLogCallback(&Capture, &lines);
     qvTrace("no utility");
-    CreateTraceUtility();
+    CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);
     CreateCTraceUtility(nullptr, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);  // counted only
     DestroyCTraceUtility(&g_ptu);
     const std::string big(5000, 'x');
@@ -46,18 +41,17 @@ TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
     EXPECT_EQ(nullptr, g_ptu);
     qvLogError("(Error) no utility");
     QVSetLogCallback(nullptr, nullptr);
-    const std::vector<Line> expected = {
-        Line{QV_LINE_TRACE, 16, 2, "CQVIPCLibraryImpl::initialize (0x1234ABCD)"},
-        Line{QV_LINE_LOG, 0, 64, "(Error) can't mknod fifo /tmp/x, errno 17"},
-        Line{QV_LINE_LOG, 0, 2, "<" + big + ">"},
-        Line{QV_LINE_TRACE, 16, 2, ""},
-    };
-    EXPECT_EQ(expected, lines);
+    EXPECT_EQ(
+        (std::vector<Line>{{QV_LINE_TRACE, 16, 2, "CQVIPCLibraryImpl::initialize (0x1234ABCD)"},
+                           {QV_LINE_LOG, 0, 64, "(Error) can't mknod fifo /tmp/x, errno 17"},
+                           {QV_LINE_LOG, 0, 2, "<" + big + ">"},
+                           {QV_LINE_TRACE, 16, 2, ""}}),
+        lines);
 }
 
 TEST(TraceTest, LogFileTakesLogLinesAndTraceOnlyWhenAsked) {
     const std::string path = "/tmp/" + qvtest::TestGuid() + ".log";
-    CreateTraceUtility();
+    CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);
     ASSERT_EQ(0, QVSetLogFile(path.c_str(), 0));
     qvTrace("trace dropped");
     qvLogError("(Error) kept %d", 1);
