@@ -3,11 +3,9 @@
 //   mixed_peer server <guid> <clients> | mixed_peer client <guid> (prints "connect id N")
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 
 #include "tests/support/IpcSupport.h"
 
@@ -46,28 +44,12 @@ void Exchange(CQVIPCLibrary& lib, unsigned long ipcid, const char* role, uint32_
 int RunServer(const std::string& guid, unsigned long clients) {
     CQVIPCLibrary lib("mixed", guid, 1, clients, 48, NO_TIMEOUT);
     if (lib.initialize() != 0) Fail("server", "initialize failed", 0);
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::deque<unsigned long> fresh;
-    // New clients are asked one after another on a thread of their own: this one must answer.
-    std::thread asker([&] {
-        for (unsigned long served = 0; served < clients; ++served) {
-            std::unique_lock<std::mutex> lock(mutex);
-            cv.wait(lock, [&] { return !fresh.empty(); });
-            const unsigned long slot = fresh.front();
-            fresh.pop_front();
-            lock.unlock();
-            Exchange(lib, slot, "server", 1000u + static_cast<uint32_t>(slot));
-        }
-    });
     // Stay until every client has gone: one that saw the server leave could drop the answer to
-    // its goodbye while it reconnects.
+    // its goodbye while it reconnects. Requests wait while a new client is asked everything.
     for (unsigned long byes = 0, gone = 0; byes < clients || gone < clients;) {
         const Received g = ReceiveRequest(lib);
         if (g.hr == QVIPC_E_NEW_CONNECTION) {
-            std::lock_guard<std::mutex> lock(mutex);
-            fresh.push_back(g.ipcid);
-            cv.notify_one();
+            Exchange(lib, g.ipcid, "server", 1000u + static_cast<uint32_t>(g.ipcid));
         } else if (g.hr == QVIPC_E_DISCONNECTED || g.hr == QVIPC_E_READ) {
             ++gone;
         } else if (g.hr != 0 || AnswerFlipped(lib, g) != 0) {
@@ -76,7 +58,6 @@ int RunServer(const std::string& guid, unsigned long clients) {
             byes += g.type == TYPE_BYE ? 1 : 0;
         }
     }
-    asker.join();
     lib.finalize();
     printf("server ok\n");
     return 0;
