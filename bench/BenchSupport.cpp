@@ -1,6 +1,5 @@
 #include "bench/BenchSupport.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -8,8 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
 
 namespace qvbench {
 

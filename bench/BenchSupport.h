@@ -1,5 +1,5 @@
-// Helpers shared by the benchmark programs on top of the tests' support library: child processes of
-// the running program, and latency percentiles.
+// What the benchmark programs share on top of the tests' support library: children of the
+// running program and latency percentiles.
 #ifndef BENCH_BENCHSUPPORT_H_
 #define BENCH_BENCHSUPPORT_H_
 

@@ -1,24 +1,17 @@
-// Stress: one server and many client processes exchange checksummed bodies while this
-// controller watches them, in one of two settings:
-//   stress chaos [--seconds N] [--clients 1..63] [--seed N] [--kill-connecting 1] [--sweep TOOL]
-//     8 clients, bodies of 0 B to 1 MiB both ways; the server or a client is killed with
-//     SIGKILL at random moments and started again. Every client must be connected again within
-//     15 s of the server's return (later than 5 s is reported), and `TOOL sweep` must leave
-//     nothing of the service behind.
-//   stress soak [--seconds N] [--clients 1..63]
-//     63 clients doing round trips of 0 to 4 KiB as fast as they can, nobody killed. No
-//     response may be lost, the server's resident memory must stay flat (the last sample within
-//     10% + 4 MiB of the one after warm-up) and every client's count within 2x of the median.
-// Both fail on an answer with other bytes or one that came twice, a process that crashed or did
-// not stop when asked, descriptors or /tmp entries that grew, and /tmp not clean at the end.
-// Exit 0 on a pass; one line of figures either way.
+// A server and client processes exchange checked bodies while this controller watches them.
+//   stress chaos|soak [--seconds N] [--clients 1..63] [--seed N] [--kill-connecting 1]
+//                     [--sweep QVIPC_TOOL]
+// chaos: 8 clients, bodies up to 1 MiB, the server or a client killed and restarted at random;
+// soak: 63 clients doing small round trips flat out. Exit 0 on a pass; one line of figures.
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <random>
@@ -32,7 +25,6 @@ namespace {
 
 constexpr int MAX_CLIENTS = 63;
 constexpr int TYPE_DATA = 5;
-constexpr unsigned long EXT = 48;
 
 struct Setting {
     bool chaos = false;
@@ -41,33 +33,23 @@ struct Setting {
     uint32_t seed = static_cast<uint32_t>(time(nullptr));
     bool killConnecting = false;
     std::string sweepTool;
-};
+} g_setting;
 
-// Counters in memory shared with the children, so that they survive a SIGKILL.
-struct Counters {
-    std::atomic<uint64_t> accepted{0};    // answers that matched their request
-    std::atomic<uint64_t> mismatches{0};  // answers with other bytes
-    std::atomic<uint64_t> duplicates{0};  // answers that came twice
-    std::atomic<uint64_t> lost{0};        // requests whose peer went before it answered
-    std::atomic<uint64_t> connects{0};
-    std::atomic<uint64_t> lastConnectMs{0};
-    std::atomic<uint64_t> restarts{0};  // client endpoints started over after a refusal
-};
+// Per endpoint, in memory shared with the children so that they survive a SIGKILL. LOST: the
+// peer went before it answered; RESTARTS: client endpoints started over after a refusal.
+enum { ACCEPTED, MISMATCHES, DUPLICATES, LOST, CONNECTS, RESTARTS, LAST_CONNECT_MS, COUNTERS };
+using Counters = std::atomic<uint64_t>[COUNTERS];
 
 struct Shared {
     std::atomic<int> go{0};
     std::atomic<int> stop{0};  // 1: clients stop; 2: the server too
     Counters server;
     Counters clients[MAX_CLIENTS];
-};
-
-Shared* g_shared = nullptr;
-Setting g_setting;
+}* g_shared = nullptr;
 
 uint64_t NowMs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
@@ -75,35 +57,29 @@ void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)
 std::string Body(std::mt19937& rng) {
     if (!g_setting.chaos) return Pattern(rng() % 4097, rng());
     const uint32_t pick = rng() % 100;
-    const size_t size = pick < 5    ? 0
-                        : pick < 70 ? rng() % 4096
-                        : pick < 95 ? rng() % 65536
-                                    : rng() % (1024 * 1024 + 1);
-    return Pattern(size, rng());
+    const size_t most = pick < 5 ? 0 : pick < 70 ? 4095 : pick < 95 ? 65535 : 1024 * 1024;
+    return Pattern(rng() % (most + 1), rng());
 }
 
-// One endpoint's life: answers what it is asked, and asks (a client always, the server in
-// chaos) one request at a time while it is connected. Returns false when a client was never
-// connected within 25 s: a client that asks while the server still holds the slot of a killed
-// one is refused, and a refused connect thread does not try again, so the application starts
-// over. (25 s: longer than a server may spend on a CONNECT of a client that is gone.)
+// One endpoint's life: answers what it is asked and asks (a client always, the server in chaos)
+// one request at a time while connected. False when a client was not connected within 25 s: a
+// refused connect thread does not try again, so the application starts over. (25 s: longer than
+// a server may spend on a CONNECT of a client that is gone.)
 bool Session(const std::string& guid, int index, uint32_t seed) {
     const bool isServer = index < 0;
     Counters& c = isServer ? g_shared->server : g_shared->clients[index];
     CQVIPCLibrary lib("stress", guid, isServer ? 1 : 0,
-                      static_cast<unsigned long>(g_setting.clients), EXT, NO_TIMEOUT);
+                      static_cast<unsigned long>(g_setting.clients), 48, NO_TIMEOUT);
     if (lib.initialize() != 0) return false;
     std::mutex slotsMutex;
     std::set<unsigned long> slots;  // the server's connected clients; {0} for a client
     std::thread requests([&] {
-        for (;;) {
-            const Received r = ReceiveRequest(lib);
-            if (r.hr == QVIPC_E_SHUTDOWN) break;
+        for (Received r; (r = ReceiveRequest(lib)).hr != QVIPC_E_SHUTDOWN;) {
             if (r.hr == 0 && r.type == TYPE_DATA) AnswerFlipped(lib, r);
             std::lock_guard<std::mutex> lock(slotsMutex);
             if (r.hr == QVIPC_E_NEW_CONNECTION) {
-                ++c.connects;
-                c.lastConnectMs.store(NowMs());
+                ++c[CONNECTS];
+                c[LAST_CONNECT_MS] = NowMs();
                 slots.insert(r.ipcid);
             } else if (r.hr != 0 && isServer) {
                 slots.erase(r.ipcid);
@@ -113,8 +89,7 @@ bool Session(const std::string& guid, int index, uint32_t seed) {
     std::mt19937 rng(seed);
     const uint64_t giveUp = NowMs() + 25000;
     bool everConnected = isServer;
-    const int stopAt = isServer ? 2 : 1;
-    while (g_shared->stop.load() < stopAt) {
+    while (g_shared->stop.load() < (isServer ? 2 : 1)) {
         std::vector<unsigned long> now;
         {
             std::lock_guard<std::mutex> lock(slotsMutex);
@@ -127,46 +102,23 @@ bool Session(const std::string& guid, int index, uint32_t seed) {
         }
         everConnected = true;
         const unsigned long ipcid = now[rng() % now.size()];
-        const std::string body = Body(rng);
-        const std::string ext = Pattern(EXT, rng());
+        const std::string body = Body(rng), ext = Pattern(48, rng());
         unsigned long id = 0;
         if (lib.sendRequest(ipcid, body.data(), body.size(), &id, TYPE_DATA, ext.data()) != 0) {
-            if (isServer) {
-                std::lock_guard<std::mutex> lock(slotsMutex);
-                slots.erase(ipcid);
-            } else {
-                SleepMs(50);
-            }
+            if (!isServer) SleepMs(50);
+            std::lock_guard<std::mutex> lock(slotsMutex);
+            if (isServer) slots.erase(ipcid);
             continue;
         }
         // The answer, or the news that its peer is gone; other slots' news is not for us.
         Received r = ReceiveResponse(lib);
         while (r.hr != QVIPC_E_SHUTDOWN && r.ipcid != ipcid) r = ReceiveResponse(lib);
-        if (r.hr != 0) {
-            ++c.lost;
-        } else if (r.id < id) {
-            ++c.duplicates;
-        } else if (r.id != id || r.body != Flip(body) || r.ext != Flip(ext)) {
-            ++c.mismatches;
-        } else {
-            ++c.accepted;
-        }
+        const bool same = r.id == id && r.body == Flip(body) && r.ext == Flip(ext);
+        ++c[r.hr != 0 ? LOST : r.id < id ? DUPLICATES : same ? ACCEPTED : MISMATCHES];
     }
     lib.finalize();
     requests.join();
     return everConnected || g_shared->stop.load() != 0;
-}
-
-pid_t Spawn(const std::string& guid, int index, uint32_t seed) {
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    alarm(900);  // a child that outlives any run by far ends itself
-    while (!Session(guid, index, seed)) {
-        if (index < 0) _exit(3);
-        ++g_shared->clients[index].restarts;
-    }
-    _exit(0);
 }
 
 struct Child {
@@ -174,17 +126,22 @@ struct Child {
     uint64_t startedMs = 0;
 };
 
-// Runs `tool sweep --guid guid` and waits for it; true when it exited 0.
-bool RunSweep(const std::string& tool, const std::string& guid) {
+Child Spawn(const std::string& guid, int index, uint32_t seed) {
+    fflush(nullptr);
     const pid_t pid = fork();
-    if (pid == 0) {
-        execl(tool.c_str(), tool.c_str(), "sweep", "--guid", guid.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
+    if (pid != 0) return {pid, NowMs()};
+    alarm(900);  // a child that outlives any run by far ends itself
+    while (!Session(guid, index, seed)) {
+        if (index < 0) _exit(3);
+        ++g_shared->clients[index][RESTARTS];
     }
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    _exit(0);
+}
+
+void Kill(Child& child) {
+    kill(child.pid, SIGKILL);
+    waitpid(child.pid, nullptr, 0);
+    child.pid = -1;
 }
 
 bool ParseArgs(int argc, char** argv) {
@@ -226,12 +183,13 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: FAIL %s\n", name, what.c_str());
     };
 
-    Child server{Spawn(guid, -1, rng()), NowMs()};
-    std::vector<Child> kids;
-    for (int i = 0; i < s.clients; ++i) kids.push_back({Spawn(guid, i, rng()), NowMs()});
+    std::vector<Child> kids;  // [0] is the server
+    for (int i = -1; i < s.clients; ++i) kids.push_back(Spawn(guid, i, rng()));
+    Child& server = kids[0];
+    auto lastConnect = [&](size_t k) { return g_shared->clients[k - 1][LAST_CONNECT_MS].load(); };
     auto connected = [&] {
         int n = 0;
-        for (int i = 0; i < s.clients; ++i) n += g_shared->clients[i].lastConnectMs.load() != 0;
+        for (size_t k = 1; k < kids.size(); ++k) n += lastConnect(k) != 0;
         return n;
     };
     // A soak starts once all are connected, so that every client runs the same time.
@@ -241,97 +199,77 @@ int main(int argc, char** argv) {
     g_shared->go.store(1);
 
     uint64_t serverKills = 0, clientKills = 0, lateReconnects = 0;
-    int maxServerFds = 0, maxClientFds = 0;
+    int maxFds[2] = {0, 0};  // server, client
     size_t maxEntries = 0;
     std::vector<long> rss;
-    const uint64_t startMs = NowMs();
-    const uint64_t endMs = startMs + static_cast<uint64_t>(s.seconds) * 1000;
+    const uint64_t startMs = NowMs(), endMs = startMs + static_cast<uint64_t>(s.seconds) * 1000;
     uint64_t nextKill = startMs + 1000 + rng() % 1000;
-    uint64_t checkReconnectAt = 0;  // when a server's return is to be checked, 0 for none
-    uint64_t serverBackMs = 0;
+    uint64_t checkReconnectAt = 0, serverBackMs = 0;  // 0: no server return to check
     bool wantServer = false;
     std::vector<uint64_t> restartAt(kids.size(), 0);
-    std::vector<bool> lateSeen(kids.size(), false);
     while (NowMs() < endMs) {
         SleepMs(50);
         const uint64_t now = NowMs();
-        std::vector<Child*> all{&server};
-        for (Child& k : kids) all.push_back(&k);
-        for (Child* ch : all) {
+        for (Child& ch : kids) {
             int status = 0;
-            if (ch->pid > 0 && waitpid(ch->pid, &status, WNOHANG) == ch->pid) {
+            if (ch.pid > 0 && waitpid(ch.pid, &status, WNOHANG) == ch.pid) {
                 fail("a process ended by itself, status " + std::to_string(status));
-                ch->pid = -1;
+                ch.pid = -1;
             }
-            int& most = ch == &server ? maxServerFds : maxClientFds;
-            if (ch->pid > 0) most = std::max(most, CountFds(ch->pid));
+            int& most = maxFds[&ch == &server ? 0 : 1];
+            if (ch.pid > 0) most = std::max(most, CountFds(ch.pid));
         }
         maxEntries = std::max(maxEntries, GuidFiles(guid).size());
         if (rss.size() < (now - startMs) / 1000) rss.push_back(ResidentKiB(server.pid));
         if (!s.chaos) continue;
 
-        // Clients that came back later than 5 s are counted and named; one that is not back
-        // within 15 s fails the run.
+        // Clients not back 5 s after the server's return are counted; not back in 15 s, failed.
         if (checkReconnectAt != 0 && now >= checkReconnectAt) {
-            bool pendingLate = false;
-            for (size_t i = 0; i < kids.size(); ++i) {
-                if (kids[i].startedMs >= serverBackMs ||
-                    g_shared->clients[i].lastConnectMs.load() >= serverBackMs) {
-                    continue;
-                }
-                if (now >= serverBackMs + 15000) {
-                    fail("client " + std::to_string(i) + " not connected again within 15 s");
-                    continue;
-                }
-                if (!lateSeen[i]) {
-                    ++lateReconnects;
-                    lateSeen[i] = true;
-                    fprintf(stderr, "chaos: client %zu not connected again within 5 s\n", i);
-                }
-                pendingLate = true;
+            uint64_t late = 0;
+            for (size_t k = 1; k < kids.size(); ++k) {
+                late += kids[k].startedMs < serverBackMs && lastConnect(k) < serverBackMs;
             }
-            checkReconnectAt = pendingLate ? now + 500 : 0;
-            if (!pendingLate) lateSeen.assign(kids.size(), false);
+            if (checkReconnectAt == serverBackMs + 5000) lateReconnects += late;
+            const bool over = now >= serverBackMs + 15000;
+            if (late != 0 && over) fail(std::to_string(late) + " clients not back within 15 s");
+            checkReconnectAt = late == 0 || over ? 0 : now + 500;
         }
-        for (size_t i = 0; i < kids.size(); ++i) {
-            if (kids[i].pid <= 0 && restartAt[i] != 0 && now >= restartAt[i]) {
-                restartAt[i] = 0;
-                kids[i] = {Spawn(guid, static_cast<int>(i), rng()), NowMs()};
+        for (size_t k = 1; k < kids.size(); ++k) {
+            if (kids[k].pid <= 0 && restartAt[k] != 0 && now >= restartAt[k]) {
+                restartAt[k] = 0;
+                kids[k] = Spawn(guid, static_cast<int>(k - 1), rng());
             }
         }
         if (now < nextKill) continue;
         // A server killed between a client's CONNECT and its reply leaves that client waiting
-        // for the reply until it finalizes; a client killed between its CONNECT and the reply
-        // holds the server's request loop for 20 s. Unless asked for, the controller avoids
-        // both: once it has chosen the server, it kills no client and waits until every client
-        // is connected; it kills only connected clients, and none while clients come back.
+        // for ever; a client killed there holds the server's request loop for 20 s. Unless asked
+        // to, avoid both: kill the server only when every client is connected, only connected
+        // clients, and no client while clients come back.
         if (!wantServer && checkReconnectAt == 0 && rng() % 4 == 0) wantServer = true;
         const bool killServer = wantServer && (connected() == s.clients || s.killConnecting);
         if (wantServer && !killServer) continue;
         nextKill = now + 300 + rng() % 1200;
-        Child& victim = killServer ? server : kids[rng() % kids.size()];
-        const size_t index = static_cast<size_t>(&victim - kids.data());
+        const size_t k = killServer ? 0 : 1 + rng() % (kids.size() - 1);
+        Child& victim = kids[k];
         if (victim.pid <= 0 ||
-            (!killServer && !s.killConnecting &&
-             (checkReconnectAt != 0 || g_shared->clients[index].lastConnectMs.load() == 0))) {
+            (!killServer && !s.killConnecting && (checkReconnectAt != 0 || lastConnect(k) == 0))) {
             continue;
         }
-        kill(victim.pid, SIGKILL);
-        waitpid(victim.pid, nullptr, 0);
+        const pid_t pid = victim.pid;
+        Kill(victim);
         if (killServer) {
             wantServer = false;
             ++serverKills;
-            server = {Spawn(guid, -1, rng()), NowMs()};
+            server = Spawn(guid, -1, rng());
             serverBackMs = server.startedMs;
             checkReconnectAt = serverBackMs + 5000;
         } else {
-            // Its FIFOs are swept by pid. A killed client comes back after 1.5 s: the server
-            // frees a vanished client's slot a second after it notices, and refuses it before.
+            // A sweep removes its FIFOs by pid. It comes back after 1.5 s: the server frees a
+            // vanished client's slot a second after it notices, and refuses it before.
             ++clientKills;
-            RemoveClientFifos(guid, victim.pid);
-            g_shared->clients[index].lastConnectMs.store(0);
-            victim.pid = -1;
-            restartAt[index] = NowMs() + 1500;
+            RemoveClientFifos(guid, pid);
+            g_shared->clients[k - 1][LAST_CONNECT_MS] = 0;
+            restartAt[k] = NowMs() + 1500;
         }
     }
 
@@ -339,23 +277,16 @@ int main(int argc, char** argv) {
     const uint64_t stopBy = NowMs() + 30000;
     for (int level = 1; level <= 2; ++level) {
         g_shared->stop.store(level);
-        std::vector<Child*> leaving{&server};
-        if (level == 1) {
-            leaving.clear();
-            for (Child& k : kids) leaving.push_back(&k);
-        }
-        for (Child* ch : leaving) {
+        for (size_t k = level == 1 ? 1 : 0; k < (level == 1 ? kids.size() : 1); ++k) {
             int status = 0;
-            while (ch->pid > 0 && waitpid(ch->pid, &status, WNOHANG) != ch->pid) {
+            while (kids[k].pid > 0 && waitpid(kids[k].pid, &status, WNOHANG) != kids[k].pid) {
                 if (NowMs() > stopBy) {
-                    fail("process " + std::to_string(ch->pid) + " hung at stop");
-                    kill(ch->pid, SIGKILL);
-                    waitpid(ch->pid, nullptr, 0);
-                    ch->pid = -1;
+                    fail("process " + std::to_string(kids[k].pid) + " hung at stop");
+                    Kill(kids[k]);
                 }
                 SleepMs(20);
             }
-            if (ch->pid > 0 && (!WIFEXITED(status) || WEXITSTATUS(status) != 0)) {
+            if (kids[k].pid > 0 && status != 0) {
                 fail("a process ended with status " + std::to_string(status));
             }
         }
@@ -363,54 +294,42 @@ int main(int argc, char** argv) {
 
     // What may stay: the admin FIFO, which is never removed, and the id counter's lock.
     if (GuidFiles(guid).size() > 1) fail("service entries left in /tmp");
-    if (!s.sweepTool.empty() && !RunSweep(s.sweepTool, guid)) fail("qvipc sweep failed");
-    if (!s.sweepTool.empty() && !GuidFiles(guid).empty())
-        fail("qvipc sweep left " + GuidFiles(guid)[0]);
+    if (!s.sweepTool.empty() &&
+        (system(("'" + s.sweepTool + "' sweep --guid " + guid).c_str()) != 0 ||
+         !GuidFiles(guid).empty())) {
+        fail("qvipc sweep failed or left service entries");
+    }
     RemoveGuidFiles(guid);
-    if (maxServerFds > 40 + 4 * s.clients)
-        fail("server descriptors grew to " + std::to_string(maxServerFds));
-    if (maxClientFds > 40) fail("client descriptors grew to " + std::to_string(maxClientFds));
+    if (maxFds[0] > 40 + 4 * s.clients) fail("server descriptors grew");
+    if (maxFds[1] > 40) fail("client descriptors grew");
     if (maxEntries > 1 + 4 * static_cast<size_t>(s.clients) + 8) fail("/tmp entries grew");
 
-    Counters total;
+    uint64_t total[COUNTERS] = {};
     std::vector<uint64_t> counts;
     for (int i = -1; i < s.clients; ++i) {
         const Counters& c = i < 0 ? g_shared->server : g_shared->clients[i];
-        total.accepted += c.accepted.load();
-        total.mismatches += c.mismatches.load();
-        total.duplicates += c.duplicates.load();
-        total.lost += c.lost.load();
-        total.connects += c.connects.load();
-        total.restarts += c.restarts.load();
-        if (i >= 0) counts.push_back(c.accepted.load());
+        for (int k = 0; k < COUNTERS; ++k) total[k] += c[k].load();
+        if (i >= 0) counts.push_back(c[ACCEPTED].load());
     }
     std::sort(counts.begin(), counts.end());
     const uint64_t median = counts[counts.size() / 2];
-    if (total.mismatches != 0) fail("answers with other bytes");
-    if (total.duplicates != 0) fail("answers that came twice");
-    if (total.accepted == 0) fail("no message went through");
+    if (total[MISMATCHES] != 0) fail("answers with other bytes");
+    if (total[DUPLICATES] != 0) fail("answers that came twice");
+    if (total[ACCEPTED] == 0) fail("no message went through");
     // The first quarter of a soak is warm-up: buffers grow to their working size.
-    const long base = rss.empty() ? 0 : rss[rss.size() / 4];
-    const long last = rss.empty() ? 0 : rss.back();
+    const long base = rss.empty() ? 0 : rss[rss.size() / 4], last = rss.empty() ? 0 : rss.back();
     if (!s.chaos) {
-        if (total.lost != 0) fail("responses lost");
+        if (total[LOST] != 0) fail("responses lost");
         if (counts.front() * 2 < median || counts.back() > median * 2) fail("unfair");
         if (last > base + base / 10 + 4096) fail("server memory grew");
     }
-    printf(
-        "%s: client kills %llu, server kills %llu, connects %llu (later than 5 s: %llu, started "
-        "over: %llu), "
-        "messages %llu (per client min %llu, median %llu, max %llu), lost %llu; max fds server "
-        "%d client %d, /tmp entries %zu, server RSS %ld -> %ld KiB; failures %d\n",
-        name, static_cast<unsigned long long>(clientKills),
-        static_cast<unsigned long long>(serverKills),
-        static_cast<unsigned long long>(total.connects.load()),
-        static_cast<unsigned long long>(lateReconnects),
-        static_cast<unsigned long long>(total.restarts.load()),
-        static_cast<unsigned long long>(total.accepted.load()),
-        static_cast<unsigned long long>(counts.front()), static_cast<unsigned long long>(median),
-        static_cast<unsigned long long>(counts.back()),
-        static_cast<unsigned long long>(total.lost.load()), maxServerFds, maxClientFds, maxEntries,
-        base, last, failures);
+    printf("%s: client kills %" PRIu64 ", server kills %" PRIu64 ", connects %" PRIu64
+           " (later than 5 s: %" PRIu64 ", started over: %" PRIu64 "), messages %" PRIu64
+           " (per client min %" PRIu64 ", median %" PRIu64 ", max %" PRIu64 "), lost %" PRIu64
+           "; max fds server %d client %d, /tmp entries %zu, server RSS %ld -> %ld KiB; "
+           "failures %d\n",
+           name, clientKills, serverKills, total[CONNECTS], lateReconnects, total[RESTARTS],
+           total[ACCEPTED], counts.front(), median, counts.back(), total[LOST], maxFds[0],
+           maxFds[1], maxEntries, base, last, failures);
     return failures == 0 ? 0 : 1;
 }
