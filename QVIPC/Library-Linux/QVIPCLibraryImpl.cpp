@@ -77,6 +77,8 @@ CQVIPCLibraryImpl::CQVIPCLibraryImpl(const std::string& title, const std::string
     fillSlots(m_slotConnectId, 0ul);
     fillSlots(m_slotPid, 0ul);
     fillSlots(m_sendsInFlight, 0);
+    fillSlots(m_readEndGenRequest, 0u);
+    fillSlots(m_readEndGenResponse, 0u);
 
     CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 40000);
     qvTrace("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x%08X), guid %s, isServer %d, sto %d",
