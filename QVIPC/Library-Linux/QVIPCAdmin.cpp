@@ -230,6 +230,7 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
         storeReadEnd(m_fdsRecvResponse[fdId], m_readEndGenResponse[fdId], recvRsp.release());
         storeFd(m_fdsSendRequest[fdId], sendReq.release());
         storeReadEnd(m_fdsRecvRequest[fdId], m_readEndGenRequest[fdId], recvReq.release());
+        m_bRequestEndsAdded = true;
         storeFd(m_fdsSendResponse[fdId], replyFd.release());
         m_connectIdMap[connectId] = fdId;
         storeWord(m_slotConnectId[fdId], connectId);

@@ -103,11 +103,11 @@ public:
     // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
     // ready and still readable (or has bytes read ahead in aheads, of the FIFO that generations
     // names), and returns it; -1 when the cycle is used up, the cursor then being 0 so that the
-    // caller selects again. fresh: select() has just returned on this thread with nothing done
-    // since, so its first ready slot is taken as it stands.
+    // caller selects again. current: no descriptor has entered fds since the cycle's select(),
+    // so a ready slot is taken as it stands.
     static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
                              const unsigned* generations, const CReadAhead* aheads, int maxSlot,
-                             bool fresh);
+                             bool current);
     // Whether the calling thread is the one inside this server's receiveRequest.
     bool onRequestReceiver() const;
 
@@ -238,6 +238,10 @@ public:
     int addReadAheadToReady(bool requestSide, fd_set* ready);
     // Whether any slot of one side (1 to its highest slot) holds bytes read ahead.
     bool anyReadAhead(bool requestSide) const;
+
+    // The request receiver's own: its admin handling stored a new read end in the request table
+    // since the cycle's select(), so the cycle's ready set may name a reused number.
+    bool m_bRequestEndsAdded;
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

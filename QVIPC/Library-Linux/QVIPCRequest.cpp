@@ -86,7 +86,6 @@ CReadAhead& CQVIPCLibraryImpl::readAheadOf(bool requestSide, unsigned long slot,
 int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
     int* const cursor = requestSide ? &m_nextRequestSlot : &m_nextResponseSlot;
     int* const readyCount = requestSide ? &m_readyRequestCount : &m_readyResponseCount;
-    bool fresh = false;
     for (;;) {
         if (*cursor == 0) {
             int err = 0;
@@ -104,9 +103,7 @@ int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
             // scan below looks at descriptors only through the slot entries.
             closeDeferredFds(requestSide ? &m_fdsDeferredCloseRequest
                                          : &m_fdsDeferredCloseResponse);
-            // Only the request receiver's first ready slot needs no second look (see
-            // nextReadySlot): only that thread stores new descriptors in the request table.
-            fresh = requestSide;
+            m_bRequestEndsAdded = false;
             if (m_shutdown.load() != 0) return -1;
             if (*readyCount < 0) {
                 if (requestSide) {
@@ -124,21 +121,22 @@ int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
             }
             if (*readyCount == 0) continue;
         }
+        // Only the request receiver knows the ready set to be current (see nextReadySlot):
+        // only that thread stores new descriptors in the request table.
         const int slot =
             requestSide ? nextReadySlot(cursor, readyCount, m_fdsetRecvRequestReady,
                                         m_fdsRecvRequest, m_readEndGenRequest, m_readAheadRequest,
-                                        loadInt(&m_maxRequestSlot), fresh)
+                                        loadInt(&m_maxRequestSlot), !m_bRequestEndsAdded)
                         : nextReadySlot(cursor, readyCount, m_fdsetRecvResponseReady,
                                         m_fdsRecvResponse, m_readEndGenResponse,
-                                        m_readAheadResponse, loadInt(&m_maxResponseSlot), fresh);
+                                        m_readAheadResponse, loadInt(&m_maxResponseSlot), false);
         if (slot >= 0) return slot;
-        fresh = false;
     }
 }
 
 int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready,
                                      const int* fds, const unsigned* generations,
-                                     const CReadAhead* aheads, int maxSlot, bool fresh) {
+                                     const CReadAhead* aheads, int maxSlot, bool current) {
     while (*pCursor != 0 || *pReadyCount > 0) {
         if (*pCursor > maxSlot) break;
         const int slot = (*pCursor)++;
@@ -150,12 +148,12 @@ int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_se
         // A select() cycle serves its ready set over several calls, and calls, connects and
         // clean-ups in between may have closed later slots' descriptors and reused the numbers
         // for FIFOs with nothing to read: a blocking read() there would hold the loop, shutdown
-        // included. So later slots are checked again. The request loop's first one, straight
-        // out of select(), needs no second look (one system call less per message): only that
-        // thread's own connect handling stores new descriptors in the request table, and it
-        // has not run since.
-        if (fresh || aheads[slot].holds(fifo) || isReadable(fd)) return slot;
-        fresh = false;
+        // included. So slots are checked again, unless the set is known to be current (one
+        // system call less per message): in the request loop, as long as that thread's own
+        // connect handling, the only one that stores new descriptors in the request table, has
+        // not run since select(). A slot freed meanwhile shows -1 above; its number, closed
+        // only by this thread or after its next select(), is not reused within the cycle.
+        if (current || aheads[slot].holds(fifo) || isReadable(fd)) return slot;
         if (cycleOver) return -1;
     }
     *pCursor = 0;
