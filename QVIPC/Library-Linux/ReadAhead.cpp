@@ -12,7 +12,9 @@
 
 namespace {
 
-constexpr int HEADER_REST_WAIT_MS = 200;
+// Long beside the moment a woken writer needs to run, even on a loaded machine; short enough
+// that a writer stalled halfway cannot hold a receive loop for long.
+constexpr int HEADER_REST_WAIT_MS = 1000;
 
 // Whether fd has bytes or end of file within ms milliseconds.
 bool waitReadable(int fd, int ms) {
