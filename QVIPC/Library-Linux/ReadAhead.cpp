@@ -1,7 +1,6 @@
 // Serving header and body reads of one data FIFO from what a single read() took.
 #include "QVIPC/Library-Linux/ReadAhead.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,23 +8,6 @@
 #include <new>
 
 #include "platform/FdGuard.h"
-
-namespace {
-
-// Long beside the moment a woken writer needs to run, even on a loaded machine; short enough
-// that a writer stalled halfway cannot hold a receive loop for long.
-constexpr int HEADER_REST_WAIT_MS = 1000;
-
-// Whether fd has bytes or end of file within ms milliseconds.
-bool waitReadable(int fd, int ms) {
-    pollfd watch;
-    watch.fd = fd;
-    watch.events = POLLIN;
-    watch.revents = 0;
-    return retryOnEintr([&] { return ::poll(&watch, 1, ms); }) > 0;
-}
-
-}  // namespace
 
 size_t CReadAhead::take(char* out, size_t want) {
     const size_t n = want < buffered() ? want : buffered();
@@ -59,12 +41,11 @@ ssize_t CReadAhead::readHeader(int fd, unsigned char* frame, size_t size) {
         const ssize_t n = fill(fd);
         if (n <= 0) return n;
     }
-    // A header cut by the end of the previous read() has its rest in the FIFO, or on its way:
-    // a message larger than the FIFO's free room is written in parts, by a writer that runs
-    // again only once woken. A writer that died leaves end of file at once; one that stopped
-    // halfway gets a bounded wait, after which the header is short, as a read finds it.
-    while (buffered() < size && waitReadable(fd, HEADER_REST_WAIT_MS) && fill(fd) > 0) {
-    }
+    // A header cut by the edge of the previous read() has its rest in the FIFO already. If the
+    // FIFO has nothing now, its writer tore the header (it died, or gave up or stalled in the
+    // middle of a message): the header is short, as one read() of the FIFO would have found
+    // it, and is never completed by later bytes.
+    if (buffered() < size && isReadable(fd)) fill(fd);
     if (buffered() < size) {
         const ssize_t got = static_cast<ssize_t>(buffered());
         drop();
