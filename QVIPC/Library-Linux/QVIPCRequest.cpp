@@ -103,7 +103,7 @@ int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
             // scan below looks at descriptors only through the slot entries.
             closeDeferredFds(requestSide ? &m_fdsDeferredCloseRequest
                                          : &m_fdsDeferredCloseResponse);
-            m_bRequestEndsAdded = false;
+            if (requestSide) m_bRequestEndsAdded = false;
             if (m_shutdown.load() != 0) return -1;
             if (*readyCount < 0) {
                 if (requestSide) {
