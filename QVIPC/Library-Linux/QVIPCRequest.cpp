@@ -151,8 +151,9 @@ int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_se
         // included. So slots are checked again, unless the set is known to be current (one
         // system call less per message): in the request loop, as long as that thread's own
         // connect handling, the only one that stores new descriptors in the request table, has
-        // not run since select(). A slot freed meanwhile shows -1 above; its number, closed
-        // only by this thread or after its next select(), is not reused within the cycle.
+        // not run since select(). A slot freed meanwhile shows -1 above, and only that
+        // handling fills it again; a read end taken while this thread reads stays open until
+        // its next select().
         if (current || aheads[slot].holds(fifo) || isReadable(fd)) return slot;
         if (cycleOver) return -1;
     }
