@@ -28,6 +28,7 @@ ssize_t CReadAhead::fill(int fd) {
     const size_t room = CAPACITY - m_end;
     const ssize_t n = retryOnEintr([=] { return ::read(fd, at, room); });
     if (n > 0) m_end += static_cast<size_t>(n);
+    m_drained = n < static_cast<ssize_t>(room);
     return n;
 }
 
@@ -41,11 +42,12 @@ ssize_t CReadAhead::readHeader(int fd, unsigned char* frame, size_t size) {
         const ssize_t n = fill(fd);
         if (n <= 0) return n;
     }
-    // A header cut by the edge of the previous read() has its rest in the FIFO already. If the
-    // FIFO has nothing now, its writer tore the header (it died, or gave up or stalled in the
-    // middle of a message): the header is short, as one read() of the FIFO would have found
-    // it, and is never completed by later bytes.
-    if (buffered() < size && isReadable(fd)) fill(fd);
+    // Part of a header is held. If the read() that took it emptied the FIFO, the header was
+    // torn by its writer (it died, or gave up or stalled in the middle of a message): it is
+    // short, as a read of the FIFO at that moment found it, and is never completed by bytes
+    // written later. Otherwise the buffer's edge cut it, and its rest is in the FIFO, unless
+    // the writer tore it exactly there.
+    if (buffered() < size && !m_drained && isReadable(fd)) fill(fd);
     if (buffered() < size) {
         const ssize_t got = static_cast<ssize_t>(buffered());
         drop();

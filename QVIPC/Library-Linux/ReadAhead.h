@@ -36,9 +36,9 @@ public:
 
     // Takes one header of size bytes, as one read() of size bytes from fd would: when nothing
     // is held, one read() of up to CAPACITY bytes (blocking while the FIFO is empty); when part
-    // of a header is held, the rest only if the FIFO has bytes now. Returns size, or what the
-    // read returned (0 end of file, -1 with errno), or the short count of a cut-off header,
-    // whose bytes are consumed.
+    // of a header is held, the rest only if the read that took that part left bytes in the
+    // FIFO. Returns size, or what the read returned (0 end of file, -1 with errno), or the
+    // short count of a torn header, whose bytes are consumed.
     ssize_t readHeader(int fd, unsigned char* frame, size_t size);
 
     // Reads a body of size bytes into a new[] buffer of exactly that size, held bytes first.
@@ -58,6 +58,7 @@ private:
     std::unique_ptr<char[]> m_buf;  // CAPACITY bytes once the slot is first read
     size_t m_begin = 0;
     size_t m_end = 0;
+    bool m_drained = false;  // the last read() took all the FIFO held (less than it asked)
     unsigned m_fifo = 0;
 };
 
