@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
-#include <new>
 
 #include "QVIPC/Library-Linux/PipeIO.h"
 #include "platform/FdGuard.h"
@@ -39,32 +37,6 @@ void fitPipeTo(int fd, size_t messageBytes) {
 
 ssize_t readHeader(int fd, unsigned char* frame, size_t size) {
     return retryOnEintr([=] { return ::read(fd, frame, size); });
-}
-
-QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr) {
-    *ppBuf = nullptr;
-    *pErr = 0;
-    if (size == 0) return S_OK;
-    std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
-    if (!buf) {
-        *pErr = ENOMEM;
-        return QVIPC_E_OUTOFMEMORY;
-    }
-    // One read() never asks for more than this, so its result fits ssize_t on 32 bits.
-    constexpr uint32_t MAX_CHUNK = 0x40000000u;
-    uint32_t got = 0;
-    while (got < size) {
-        const uint32_t want = size - got < MAX_CHUNK ? size - got : MAX_CHUNK;
-        char* const at = buf.get() + got;
-        const ssize_t n = retryOnEintr([=] { return ::read(fd, at, want); });
-        if (n <= 0) {
-            *pErr = n < 0 ? errno : 0;
-            return QVIPC_E_READ;
-        }
-        got += static_cast<uint32_t>(n);
-    }
-    *ppBuf = buf.release();
-    return S_OK;
 }
 
 int writeMessage(CPIPEIOBase& writer, int fd, const unsigned char* header, size_t headerSize,

@@ -1,6 +1,7 @@
-// Moving whole frames through a FIFO: a header read with one read(), a body read into a
-// caller-owned buffer, a message written as one gather write of header and body, and an admin
-// record written whole. Stateless; safe on any thread (one reader per descriptor).
+// Moving whole frames through a FIFO: a header read with one read() (the admin FIFO's; data
+// FIFOs are read through ReadAhead.h), a message written as one gather write of header and
+// body, and an admin record written whole. Stateless; safe on any thread (one reader per
+// descriptor).
 #ifndef QVIPC_LIBRARY_LINUX_FRAMEIO_H_
 #define QVIPC_LIBRARY_LINUX_FRAMEIO_H_
 
@@ -19,13 +20,6 @@ namespace qvframe {
 // One read() of a whole header, repeated only when interrupted (nothing was consumed then).
 // Returns what read() returned; anything but size bytes is a failed header read.
 ssize_t readHeader(int fd, unsigned char* frame, size_t size);
-
-// Reads a body of size bytes into a new[] buffer of exactly that size. S_OK hands the buffer
-// over in *ppBuf (null for size 0). QVIPC_E_OUTOFMEMORY when it cannot be allocated (*pErr is
-// ENOMEM then); QVIPC_E_READ when the read fails or the writer closes before size bytes came:
-// end of file and errors other than EINTR end the body, so a writer that died mid-body cannot
-// keep the reader looping. *pErr gets errno of the failed read (0 for end of file).
-QVRESULT readBody(int fd, uint32_t size, char** ppBuf, int* pErr);
 
 // Sends one message, its header and body in one writev() through writer, with the time-out
 // given (the FIFO grown first when the message is large). bodyLen is the caller's length,

@@ -227,9 +227,10 @@ QVRESULT CQVIPCLibraryImpl::adminConnect(uint32_t requestId, uint32_t connectId,
     m_requestPipeSeen[fdId] = 1;
     {
         CCritSecLock lock(m_pCritSec, __LINE__);
-        storeFd(m_fdsRecvResponse[fdId], recvRsp.release());
+        storeReadEnd(m_fdsRecvResponse[fdId], m_readEndGenResponse[fdId], recvRsp.release());
         storeFd(m_fdsSendRequest[fdId], sendReq.release());
-        storeFd(m_fdsRecvRequest[fdId], recvReq.release());
+        storeReadEnd(m_fdsRecvRequest[fdId], m_readEndGenRequest[fdId], recvReq.release());
+        m_bRequestEndsAdded = true;
         storeFd(m_fdsSendResponse[fdId], replyFd.release());
         m_connectIdMap[connectId] = fdId;
         storeWord(m_slotConnectId[fdId], connectId);

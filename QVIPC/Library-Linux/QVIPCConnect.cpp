@@ -121,22 +121,26 @@ bool CQVIPCLibraryImpl::makeClientReadEnds() {
         // The old number could not be taken over: it is closed, the new one stored.
         CCritSecLock lock(m_pCritSec, __LINE__);
         closeFd(m_fdsRecvResponse[REQUEST_PIPE]);
-        storeFd(m_fdsRecvResponse[REQUEST_PIPE], fd);
+        storeReadEnd(m_fdsRecvResponse[REQUEST_PIPE], m_readEndGenResponse[REQUEST_PIPE], fd);
     }
     // What the old read end delivered says nothing about the new one: a first read that finds
-    // no writer yet is no disconnect.
+    // no writer yet is no disconnect, and bytes it read ahead belong to the old FIFO (this
+    // thread is the slot's only response reader now).
     m_responsePipeSeen[REQUEST_PIPE] = 0;
+    m_readAheadResponse[REQUEST_PIPE].drop();
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvResponse[REQUEST_PIPE] %d", fd);
 
     const std::string reqPath = pipenameClientRequest(m_strConnectId, m_strPid);
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, creating m_fdsRecvRequest %s", reqPath.c_str());
+    // The request FIFO is opened again under its name, not made anew: the same FIFO, so what
+    // the request reader read ahead of it stays valid, as it would have stayed in the FIFO.
     old = loadFd(&m_fdsRecvRequest[REQUEST_PIPE]);
     fd = reopenClientReadEnd(reqPath, old);
     if (fd == -1) return false;
     if (fd != old) {
         CCritSecLock lock(m_pCritSec, __LINE__);
         closeFd(m_fdsRecvRequest[REQUEST_PIPE]);
-        storeFd(m_fdsRecvRequest[REQUEST_PIPE], fd);
+        storeReadEnd(m_fdsRecvRequest[REQUEST_PIPE], m_readEndGenRequest[REQUEST_PIPE], fd);
     }
     qvTrace("CQVIPCLibraryImpl::connectThreadFunc, opened m_fdsRecvRequest[REQUEST_PIPE] %d", fd);
     return true;

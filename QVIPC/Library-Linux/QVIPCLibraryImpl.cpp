@@ -57,7 +57,8 @@ CQVIPCLibraryImpl::CQVIPCLibraryImpl(const std::string& title, const std::string
       m_nextRequestSlot(0),
       m_connectThreadRunning(0),
       m_serverPid(0),
-      m_fdConnectAdmin(-1) {
+      m_fdConnectAdmin(-1),
+      m_bRequestEndsAdded(true) {
     // Every member has a safe value before the first step, so a throw below releases only what
     // exists. The designed values that depend on the arguments follow in the designed order.
     FD_ZERO(&m_fdsetRecvResponse);
@@ -77,6 +78,8 @@ CQVIPCLibraryImpl::CQVIPCLibraryImpl(const std::string& title, const std::string
     fillSlots(m_slotConnectId, 0ul);
     fillSlots(m_slotPid, 0ul);
     fillSlots(m_sendsInFlight, 0);
+    fillSlots(m_readEndGenRequest, 0u);
+    fillSlots(m_readEndGenResponse, 0u);
 
     CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 40000);
     qvTrace("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x%08X), guid %s, isServer %d, sto %d",

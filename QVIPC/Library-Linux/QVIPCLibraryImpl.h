@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "QVIPC/Library-Linux/QVIPCDefs.h"
+#include "QVIPC/Library-Linux/ReadAhead.h"
 #include "QVIPC/QVIPCLibrary/QVIPCErrors.h"
 #include "platform/PCritSec.h"
 
@@ -96,14 +97,17 @@ public:
     // ends the wait.
     int nextServerSlot(bool requestSide);
     // Copies one side's master set and highest descriptor under m_pCritSec into its ready set
-    // and selects on the copy without a time-out; returns select()'s result, *pErr its errno.
-    int selectOnCopy(bool requestSide, int* pErr);
+    // and selects on the copy, without a time-out, or only looking with noWait; returns
+    // select()'s result, *pErr its errno.
+    int selectOnCopy(bool requestSide, int* pErr, bool noWait);
     // Advances a select() cycle to the next slot (up to maxSlot) whose descriptor in fds is
-    // ready and still readable, and returns it; -1 when the cycle is used up, the cursor
-    // then being 0 so that the caller selects again. fresh: select() has just returned on this
-    // thread with nothing done since, so its first ready slot is taken as it stands.
+    // ready and still readable (or has bytes read ahead in aheads, of the FIFO that generations
+    // names), and returns it; -1 when the cycle is used up, the cursor then being 0 so that the
+    // caller selects again. current: no descriptor has entered fds since the cycle's select(),
+    // so a ready slot is taken as it stands.
     static int nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready, const int* fds,
-                             int maxSlot, bool fresh);
+                             const unsigned* generations, const CReadAhead* aheads, int maxSlot,
+                             bool current);
     // Whether the calling thread is the one inside this server's receiveRequest.
     bool onRequestReceiver() const;
 
@@ -212,6 +216,32 @@ public:
     // reply, else -1. The reply wait watches it: once no process reads the admin FIFO, the
     // server that took the CONNECT is gone and no reply will come. Connect thread only.
     int m_fdConnectAdmin;
+
+    // ---- Read-ahead of the data FIFOs (ReadAhead.h); slot 0 has none. ----
+    // Per slot, the bytes read from a read end beyond the frame being read: the request
+    // reader's own, and the response reader's (on a client slot 1's also the connect thread's,
+    // which never reads at once with the response reader).
+    CReadAhead m_readAheadRequest[QVIPC_MAX_SLOTS];
+    CReadAhead m_readAheadResponse[QVIPC_MAX_SLOTS];
+    // Per slot, the generation of the FIFO in m_fdsRecvRequest and m_fdsRecvResponse: counts
+    // the FIFOs put there (storeReadEnd), read lock-free with loadReadEnd. Held bytes of an
+    // earlier generation belong to a FIFO that is gone, and are dropped.
+    unsigned m_readEndGenRequest[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+    unsigned m_readEndGenResponse[QVIPC_MAX_SLOTS] GUARDED_BY(m_pCritSec);
+
+    // The read end of a slot on one side in *pFd and its read-ahead, which then holds no byte
+    // of an earlier FIFO of the slot. Called by the thread that reads the slot.
+    CReadAhead& readAheadOf(bool requestSide, unsigned long slot, int* pFd);
+    // Adds the ready descriptors that select() cannot see to one side's ready set: the slots
+    // (1 to maxSlot) whose read-ahead holds bytes, as if those were still in their FIFOs.
+    // Returns how many were added.
+    int addReadAheadToReady(bool requestSide, fd_set* ready);
+    // Whether any slot of one side (1 to its highest slot) holds bytes read ahead.
+    bool anyReadAhead(bool requestSide) const;
+
+    // The request receiver's own: its admin handling stored a new read end in the request table
+    // since the cycle's select(), so the cycle's ready set may name a reused number.
+    bool m_bRequestEndsAdded;
 };
 
 #endif  // QVIPC_LIBRARY_LINUX_QVIPCLIBRARYIMPL_H_

@@ -30,7 +30,7 @@ thread_local const CQVIPCLibraryImpl* t_requestReceiverOf = nullptr;
 
 bool CQVIPCLibraryImpl::onRequestReceiver() const { return t_requestReceiverOf == this; }
 
-int CQVIPCLibraryImpl::selectOnCopy(bool requestSide, int* pErr) {
+int CQVIPCLibraryImpl::selectOnCopy(bool requestSide, int* pErr, bool noWait) {
     fd_set* const ready = requestSide ? &m_fdsetRecvRequestReady : &m_fdsetRecvResponseReady;
     int count;
     {
@@ -39,28 +39,71 @@ int CQVIPCLibraryImpl::selectOnCopy(bool requestSide, int* pErr) {
         count = (requestSide ? m_fdmaxRecvRequest : m_fdmaxRecvResponse) + 1;
     }
     timeval tv;
-    tv.tv_sec = SELECT_TIMEOUT_SEC;
+    tv.tv_sec = noWait ? 0 : SELECT_TIMEOUT_SEC;
     tv.tv_usec = 0;
     const int n = select(count, ready, nullptr, nullptr, &tv);
     *pErr = errno;
     return n;
 }
 
+bool CQVIPCLibraryImpl::anyReadAhead(bool requestSide) const {
+    const CReadAhead* const aheads = requestSide ? m_readAheadRequest : m_readAheadResponse;
+    const int maxSlot = loadInt(requestSide ? &m_maxRequestSlot : &m_maxResponseSlot);
+    for (int slot = 1; slot <= maxSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+        if (aheads[slot].buffered() != 0) return true;
+    }
+    return false;
+}
+
+int CQVIPCLibraryImpl::addReadAheadToReady(bool requestSide, fd_set* ready) {
+    const int maxSlot = loadInt(requestSide ? &m_maxRequestSlot : &m_maxResponseSlot);
+    int added = 0;
+    for (int slot = 1; slot <= maxSlot && slot < QVIPC_MAX_SLOTS; ++slot) {
+        const CReadAhead& ahead =
+            requestSide ? m_readAheadRequest[slot] : m_readAheadResponse[slot];
+        if (ahead.buffered() == 0) continue;
+        int fd = -1;
+        readAheadOf(requestSide, static_cast<unsigned long>(slot), &fd);
+        if (ahead.buffered() == 0 || fd < 0 || fd >= FD_SETSIZE || FD_ISSET(fd, ready)) continue;
+        FD_SET(fd, ready);
+        ++added;
+    }
+    return added;
+}
+
+CReadAhead& CQVIPCLibraryImpl::readAheadOf(bool requestSide, unsigned long slot, int* pFd) {
+    unsigned fifo = 0;
+    if (requestSide) {
+        *pFd = loadReadEnd(&m_fdsRecvRequest[slot], &m_readEndGenRequest[slot], &fifo);
+        m_readAheadRequest[slot].belongTo(fifo);
+        return m_readAheadRequest[slot];
+    }
+    *pFd = loadReadEnd(&m_fdsRecvResponse[slot], &m_readEndGenResponse[slot], &fifo);
+    m_readAheadResponse[slot].belongTo(fifo);
+    return m_readAheadResponse[slot];
+}
+
 int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
     int* const cursor = requestSide ? &m_nextRequestSlot : &m_nextResponseSlot;
     int* const readyCount = requestSide ? &m_readyRequestCount : &m_readyResponseCount;
-    bool fresh = false;
     for (;;) {
         if (*cursor == 0) {
             int err = 0;
-            *readyCount = selectOnCopy(requestSide, &err);
+            // Bytes read ahead make their slots ready as they would if still in the FIFOs: the
+            // select() then only looks, and the cycle serves them beside the FIFOs it finds
+            // ready, one message per slot in slot order, as ever.
+            const bool ahead = anyReadAhead(requestSide);
+            *readyCount = selectOnCopy(requestSide, &err, ahead);
+            if (ahead && *readyCount >= 0) {
+                *readyCount +=
+                    addReadAheadToReady(requestSide, requestSide ? &m_fdsetRecvRequestReady
+                                                                 : &m_fdsetRecvResponseReady);
+            }
             // Read ends of slots freed while this receiver might use them are closed now: the
             // scan below looks at descriptors only through the slot entries.
             closeDeferredFds(requestSide ? &m_fdsDeferredCloseRequest
                                          : &m_fdsDeferredCloseResponse);
-            // Only the request receiver's first ready slot needs no second look (see
-            // nextReadySlot): only that thread stores new descriptors in the request table.
-            fresh = requestSide;
+            if (requestSide) m_bRequestEndsAdded = false;
             if (m_shutdown.load() != 0) return -1;
             if (*readyCount < 0) {
                 if (requestSide) {
@@ -78,34 +121,40 @@ int CQVIPCLibraryImpl::nextServerSlot(bool requestSide) {
             }
             if (*readyCount == 0) continue;
         }
-        const int slot = requestSide
-                             ? nextReadySlot(cursor, readyCount, m_fdsetRecvRequestReady,
-                                             m_fdsRecvRequest, loadInt(&m_maxRequestSlot), fresh)
-                             : nextReadySlot(cursor, readyCount, m_fdsetRecvResponseReady,
-                                             m_fdsRecvResponse, loadInt(&m_maxResponseSlot), fresh);
+        // Only the request receiver knows the ready set to be current (see nextReadySlot):
+        // only that thread stores new descriptors in the request table.
+        const int slot =
+            requestSide ? nextReadySlot(cursor, readyCount, m_fdsetRecvRequestReady,
+                                        m_fdsRecvRequest, m_readEndGenRequest, m_readAheadRequest,
+                                        loadInt(&m_maxRequestSlot), !m_bRequestEndsAdded)
+                        : nextReadySlot(cursor, readyCount, m_fdsetRecvResponseReady,
+                                        m_fdsRecvResponse, m_readEndGenResponse,
+                                        m_readAheadResponse, loadInt(&m_maxResponseSlot), false);
         if (slot >= 0) return slot;
-        fresh = false;
     }
 }
 
 int CQVIPCLibraryImpl::nextReadySlot(int* pCursor, int* pReadyCount, const fd_set& ready,
-                                     const int* fds, int maxSlot, bool fresh) {
+                                     const int* fds, const unsigned* generations,
+                                     const CReadAhead* aheads, int maxSlot, bool current) {
     while (*pCursor != 0 || *pReadyCount > 0) {
         if (*pCursor > maxSlot) break;
         const int slot = (*pCursor)++;
-        const int fd = loadFd(&fds[slot]);
+        unsigned fifo = 0;
+        const int fd = loadReadEnd(&fds[slot], &generations[slot], &fifo);
         if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &ready)) continue;
         const bool cycleOver = --*pReadyCount <= 0;
         if (cycleOver) *pCursor = 0;
         // A select() cycle serves its ready set over several calls, and calls, connects and
         // clean-ups in between may have closed later slots' descriptors and reused the numbers
         // for FIFOs with nothing to read: a blocking read() there would hold the loop, shutdown
-        // included. So later slots are checked again. The request loop's first one, straight
-        // out of select(), needs no second look (one system call less per message): only that
-        // thread's own connect handling stores new descriptors in the request table, and it
-        // has not run since.
-        if (fresh || isReadable(fd)) return slot;
-        fresh = false;
+        // included. So slots are checked again, unless the set is known to be current (one
+        // system call less per message): in the request loop, as long as that thread's own
+        // connect handling, the only one that stores new descriptors in the request table, has
+        // not run since select(). A slot freed meanwhile shows -1 above, and only that
+        // handling fills it again; a read end taken while this thread reads stays open until
+        // its next select().
+        if (current || aheads[slot].holds(fifo) || isReadable(fd)) return slot;
         if (cycleOver) return -1;
     }
     *pCursor = 0;
@@ -265,7 +314,8 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
 
     QVRESULT hr = S_OK;
     for (;;) {
-        int fd = loadFd(&m_fdsRecvRequest[slot]);
+        int fd = -1;
+        CReadAhead& ahead = readAheadOf(true, slot, &fd);
         // On the server a slot picked by the scan may have been freed since by another thread
         // (the reconnect command); waiting for it to be filled again would hold the loop.
         if (fd == -1 && m_isServer != 0) {
@@ -274,7 +324,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
         }
         while (fd == -1 && m_shutdown.load() == 0) {
             CPortable::Sleep(POLL_INTERVAL_MS);
-            fd = loadFd(&m_fdsRecvRequest[slot]);
+            readAheadOf(true, slot, &fd);
         }
         if (m_shutdown.load() != 0) {
             hr = QVIPC_E_SHUTDOWN;
@@ -289,7 +339,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
         }
 
         RequestFrame header;
-        const ssize_t n = readHeader(fd, header, sizeof header);
+        const ssize_t n = ahead.readHeader(fd, header, sizeof header);
         if (n != static_cast<ssize_t>(sizeof header)) {
             const int err = n < 0 ? errno : 0;
             // Only a client waits for its writer; a server slot with no writer is reported, so
@@ -341,7 +391,7 @@ QVRESULT CQVIPCLibraryImpl::receiveRequestOnClientPipe(unsigned long slot,
             copyExtOut(header, REQ_EXT, headerExt, m_headerExtSize);
             char* body = nullptr;
             int err = 0;
-            hr = readBody(fd, h.bodySize, &body, &err);
+            hr = ahead.readBody(fd, h.bodySize, &body, &err);
             if (hr == S_OK) {
                 *ppBuf = body;
                 *pLen = h.bodySize;

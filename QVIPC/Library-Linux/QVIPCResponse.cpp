@@ -191,7 +191,8 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
 
     QVRESULT hr = S_OK;
     for (;;) {
-        const int fd = loadFd(&m_fdsRecvResponse[slot]);
+        int fd = -1;
+        CReadAhead& ahead = readAheadOf(false, slot, &fd);
         if (fd == -1) {
             if (keepWaiting == 0) {
                 hr = QVIPC_E_DISCONNECTED;
@@ -210,7 +211,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
         }
 
         ResponseFrame header;
-        const ssize_t n = readHeader(fd, header, sizeof header);
+        const ssize_t n = ahead.readHeader(fd, header, sizeof header);
         if (n != static_cast<ssize_t>(sizeof header)) {
             const int err = n < 0 ? errno : 0;
             const QVRESULT failure = n == 0 ? QVIPC_E_DISCONNECTED : QVIPC_E_READ;
@@ -258,7 +259,7 @@ QVRESULT CQVIPCLibraryImpl::receiveResponseOnClientPipe(unsigned long slot, int 
         if (h.type == TYPE_DATA) {
             char* body = nullptr;
             int err = 0;
-            hr = readBody(fd, h.bodySize, &body, &err);
+            hr = ahead.readBody(fd, h.bodySize, &body, &err);
             if (hr != S_OK) {
                 qvLogError(
                     "(Error) CQVIPCLibraryImpl::receiveResponseOnClientPipe (0x%08X), read "

@@ -4,6 +4,8 @@
 #ifndef QVIPC_LIBRARY_LINUX_SLOTWORDS_H_
 #define QVIPC_LIBRARY_LINUX_SLOTWORDS_H_
 
+#include <sched.h>
+
 #include "platform/AtomicWord.h"
 
 // The members keep their designed plain types; every access from more than one thread is
@@ -20,6 +22,27 @@ inline int loadFd(const int* entry) { return loadInt(entry); }
 inline void storeFd(int& entry, int fd) { storeInt(entry, fd); }
 // Takes the descriptor out of the entry, leaving -1; the caller closes what it got.
 inline int takeFd(int& entry) { return atomicExchange(&entry, -1); }
+
+// A data FIFO's read end and the count of FIFOs that entered its entry, the generation, which
+// a reader's read-ahead is tagged with. The generation is odd while a new FIFO is being put in,
+// so a reader that finds it even and unchanged around its load of the entry knows which FIFO
+// the descriptor is. The store is made under m_pCritSec, like every entry write.
+inline void storeReadEnd(int& entry, unsigned& generation, int fd) {
+    atomicStore(&generation, atomicLoad(&generation) + 1);
+    storeFd(entry, fd);
+    atomicStore(&generation, atomicLoad(&generation) + 1);
+}
+inline int loadReadEnd(const int* entry, const unsigned* generation, unsigned* pGeneration) {
+    for (;;) {
+        const unsigned before = atomicLoad(generation);
+        const int fd = loadFd(entry);
+        if ((before & 1u) == 0 && atomicLoad(generation) == before) {
+            *pGeneration = before;
+            return fd;
+        }
+        sched_yield();  // the writer holds the lock for a moment only
+    }
+}
 
 inline unsigned long loadWord(const unsigned long* word) { return atomicLoad(word); }
 inline void storeWord(unsigned long& word, unsigned long value) { atomicStore(&word, value); }
