@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "QVIPC/Library-Linux/FrameIO.h"
+#include "QVIPC/Library-Linux/ReadAhead.h"
 #include "tests/support/IpcSupport.h"
 
 using namespace qvtest;
@@ -38,7 +39,7 @@ struct Body {
 Body ReadBody(int fd, uint32_t size) {
     char* buf = nullptr;
     int err = -1;
-    const QVRESULT hr = qvframe::readBody(fd, size, &buf, &err);
+    const QVRESULT hr = CReadAhead().readBody(fd, size, &buf, &err);
     Body b{hr, buf != nullptr ? std::string(buf, size) : std::string(), buf == nullptr, err};
     delete[] buf;
     return b;
