@@ -1,5 +1,4 @@
-// Names of the service in /tmp and /dev/shm that someone else took first. One function checks
-// the kind of every FIFO, so each entry point that makes or opens one meets one hostile kind.
+// Names of the service in /tmp and /dev/shm that someone else took first, of another kind.
 #ifndef _FILE_OFFSET_BITS
 #define _FILE_OFFSET_BITS 64
 #endif
@@ -22,11 +21,6 @@ namespace {
 
 enum class Kind { LinkToFifo, LinkToFile, DanglingLink, RegularFile, Directory, Fifo };
 const char PRECIOUS[] = "precious\n";
-using PathFn = std::string (CQVIPCLibraryImpl::*)(const std::string&, const std::string&) const;
-// A client's FIFOs in the order its start-up makes them.
-const PathFn CLIENT_FIFOS[] = {
-    &CQVIPCLibraryImpl::pipenameServerRequest, &CQVIPCLibraryImpl::pipenameServerResponse,
-    &CQVIPCLibraryImpl::pipenameClientRequest, &CQVIPCLibraryImpl::pipenameClientResponse};
 
 mode_t ModeOf(const std::string& path) {
     struct stat st;
@@ -46,13 +40,8 @@ public:  // the table below names the entry points
         m_fifo = "/tmp/" + m_guid + "-target-fifo";
         m_missing = "/tmp/" + m_guid + "-target-missing";
         std::ofstream(m_file) << PRECIOUS;
-        ASSERT_EQ(0, mknod(m_fifo.c_str(), S_IFIFO | 0600, 0));
-        ASSERT_EQ(0, chmod(m_fifo.c_str(), 0600) + chmod(m_file.c_str(), 0600));
-    }
-
-    std::string newGuid() {
-        m_moreGuids.push_back(TestGuid());
-        return m_moreGuids.back();
+        ASSERT_EQ(0, mknod(m_fifo.c_str(), S_IFIFO, 0) + chmod(m_fifo.c_str(), 0600) +
+                         chmod(m_file.c_str(), 0600));
     }
 
     void plant(const std::string& path, Kind kind) {
@@ -69,16 +58,19 @@ public:  // the table below names the entry points
 
     // which: a client's FIFO 0..3, its admin FIFO (4) or a server's (5). A FIFO left over
     // (planted under the umask) is reused with its mode set to 0666.
-    void startUp(int which, Kind kind) {
-        const QVRESULT codes[] = {QVIPC_E_MKNOD, QVIPC_E_CREATE_PIPE, QVIPC_E_CREATE_PIPE,
-                                  QVIPC_E_MKNOD, QVIPC_E_CREATE_PIPE, QVIPC_E_CREATE_PIPE};
-        CQVIPCLibraryImpl impl("t", newGuid(), which == 5, 2, 0, NO_TIMEOUT);
-        const std::string path =
-            which < 4 ? (impl.*CLIENT_FIFOS[which])(impl.m_strConnectId, impl.m_strPid)
-                      : impl.pipenameServerAdmin();
+    void startUp(const std::string& guid, int which, Kind kind) {
+        const QVRESULT code = which == 0 || which == 3 ? QVIPC_E_MKNOD : QVIPC_E_CREATE_PIPE;
+        CQVIPCLibraryImpl impl("t", guid, which == 5, 2, 0, NO_TIMEOUT);
+        const std::string &cid = impl.m_strConnectId, &pid = impl.m_strPid;
+        // A client's FIFOs in the order its start-up makes them.
+        const std::string paths[] = {
+            impl.pipenameServerRequest(cid, pid), impl.pipenameServerResponse(cid, pid),
+            impl.pipenameClientRequest(cid, pid), impl.pipenameClientResponse(cid, pid),
+            impl.pipenameServerAdmin(),           impl.pipenameServerAdmin()};
+        const std::string& path = paths[which];
         plant(path, kind);
         ASSERT_EQ(0, kind == Kind::Fifo ? chmod(path.c_str(), 0600) : 0);
-        EXPECT_EQ(kind == Kind::Fifo ? S_OK : codes[which], impl.initialize());
+        EXPECT_EQ(kind == Kind::Fifo ? S_OK : code, impl.initialize());
         EXPECT_EQ(kind == Kind::Fifo, ModeOf(path) == (S_IFIFO | 0666));
         // A client tries none of its own FIFOs after a refused admin FIFO.
         EXPECT_EQ((which < 4), (GuidFiles(impl.m_strGuid).size() > 1));
@@ -87,23 +79,15 @@ public:  // the table below names the entry points
 
     // A fake client with one of its names taken (0 server request, 1 client response, 2 client
     // request) sends a CONNECT; the server refuses and says so in the reply.
-    void connect(int place, Kind kind) {
-        CQVIPCLibraryImpl server("t", newGuid(), 1, 2, 0, NO_TIMEOUT);
+    void connect(const std::string& guid, int place, Kind kind) {
+        CQVIPCLibraryImpl server("t", guid, 1, 2, 0, NO_TIMEOUT);
         ASSERT_EQ(S_OK, server.initialize());
         const std::string pid = std::to_string(getpid()), id = "1001";
-        const std::string paths[] = {server.pipenameServerRequest(id, pid),
-                                     server.pipenameClientResponse(id, pid),
-                                     server.pipenameClientRequest(id, pid)};
-        const std::string replyPath = server.pipenameServerResponse(id, pid);
-        ASSERT_EQ(0, mknod(replyPath.c_str(), S_IFIFO | 0666, 0));
-        const int replyFd = open(replyPath.c_str(), O_RDONLY | O_NONBLOCK);
-        for (int p = 0; p < 3; ++p) {
-            if (p == place) {
-                plant(paths[p], kind);
-            } else {
-                ASSERT_EQ(0, mknod(paths[p].c_str(), S_IFIFO | 0666, 0));
-            }
-        }
+        const std::string paths[] = {
+            server.pipenameServerRequest(id, pid), server.pipenameClientResponse(id, pid),
+            server.pipenameClientRequest(id, pid), server.pipenameServerResponse(id, pid)};
+        for (int p = 0; p < 4; ++p) plant(paths[p], p == place ? kind : Kind::Fifo);
+        const int replyFd = open(paths[3].c_str(), O_RDONLY | O_NONBLOCK);
         const int requestFd = place == 2 ? -1 : open(paths[2].c_str(), O_RDONLY | O_NONBLOCK);
         const int fds = CountOpenFds();
         ASSERT_TRUE(WriteAdmin(server.m_strGuid, Record(qvframe::TYPE_CONNECT, 1001,
@@ -120,32 +104,8 @@ public:  // the table below names the entry points
         if (requestFd != -1) close(requestFd);
     }
 
-    // The connect thread's read ends are refused before the attempt begins.
-    void readEnds(int, Kind kind) {
-        CQVIPCLibraryImpl client("t", newGuid(), 0, 0, 0, NO_TIMEOUT);
-        const std::string &cid = client.m_strConnectId, &pid = client.m_strPid;
-        ASSERT_EQ(0, mknod(client.pipenameServerResponse(cid, pid).c_str(), S_IFIFO | 0666, 0));
-        plant(client.pipenameClientRequest(cid, pid), kind);
-        EXPECT_FALSE(client.makeClientReadEnds());
-    }
-
-    // The admin FIFO swapped after start-up: the thread keeps trying, as when no server runs,
-    // and its CONNECT never lands in the file.
-    void adminSwapped(int, Kind kind) {
-        CQVIPCLibraryImpl client("t", newGuid(), 0, 0, 0, NO_TIMEOUT);
-        const std::string admin = client.pipenameServerAdmin();
-        const std::string line = "can't open fdSendAdmin " + admin;
-        ASSERT_EQ(S_OK, client.initialize());
-        ASSERT_EQ(0, unlink(admin.c_str()));
-        plant(admin, kind);
-        ASSERT_TRUE(m_capture.wait(line, m_capture.count(line) + 2));
-        client.finalize();
-        EXPECT_EQ("", kind == Kind::RegularFile ? ContentOf(admin) : "");
-    }
-
     // The id generator's lock file (1) or shared block (0): the constructor throws E_FAIL.
-    void named(int lock, Kind kind) {
-        const std::string guid = newGuid();
+    void named(const std::string& guid, int lock, Kind kind) {
         plant(
             lock != 0 ? mutexLockPath(guid + "-IDGENMTX") : sharedMemoryPath(guid + "-IDGENSHMEM"),
             kind);
@@ -164,7 +124,7 @@ public:  // the table below names the entry points
 TEST_F(HostileTmpTest, NameOfAnotherKindIsRefusedAndNothingActsThroughIt) {
     using F = HostileTmpTest;
     const struct {
-        void (HostileTmpTest::*entry)(int, Kind);
+        void (HostileTmpTest::*entry)(const std::string&, int, Kind);
         int which;
         Kind kind;
     } rows[] = {{&F::startUp, 0, Kind::DanglingLink}, {&F::startUp, 1, Kind::Directory},
@@ -172,11 +132,11 @@ TEST_F(HostileTmpTest, NameOfAnotherKindIsRefusedAndNothingActsThroughIt) {
                 {&F::startUp, 4, Kind::LinkToFifo},   {&F::startUp, 5, Kind::RegularFile},
                 {&F::startUp, 5, Kind::Fifo},         {&F::connect, 0, Kind::LinkToFifo},
                 {&F::connect, 1, Kind::RegularFile},  {&F::connect, 2, Kind::RegularFile},
-                {&F::readEnds, 0, Kind::RegularFile}, {&F::adminSwapped, 0, Kind::RegularFile},
                 {&F::named, 1, Kind::Fifo},           {&F::named, 0, Kind::DanglingLink}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
-        (this->*row.entry)(row.which, row.kind);
+        m_moreGuids.push_back(TestGuid());
+        (this->*row.entry)(m_moreGuids.back(), row.which, row.kind);
         // No chmod, no write, no file made through a link.
         EXPECT_EQ(static_cast<mode_t>(S_IFREG | 0600), ModeOf(m_file));
         EXPECT_EQ(PRECIOUS, ContentOf(m_file));
