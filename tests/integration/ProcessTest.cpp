@@ -10,7 +10,7 @@ namespace {
 
 using ProcessTest = EndpointTest;
 
-// First a server that took the CONNECT and died unanswered, then one killed and restarted.
+// A server dies with the CONNECT unanswered, then one is killed and restarted.
 TEST_F(ProcessTest, ClientSurvivesServersThatDie) {
     Peer& swallower = startPeer("swallow-connect");
     auto client = MakeClient(m_guid);
@@ -35,8 +35,7 @@ TEST_F(ProcessTest, ReadmeExampleRuns) {
     EXPECT_EQ(S_OK, readme::Client(m_guid));
 }
 
-// A client killed while it sends, and one that leaves main without finalize (its registry
-// removes its FIFOs at exit): both slots are freed and the others stay served.
+// A client killed mid-send and one exiting without finalize both free their slots.
 TEST_F(ProcessTest, ServerFreesTheSlotsOfClientsThatDieOrExit) {
     auto server = MakeServer(m_guid, 4);
     ASSERT_EQ(S_OK, server->initialize());

@@ -44,7 +44,7 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     };
     ASSERT_TRUE(refuseNext(DEADLINE));
     ASSERT_TRUE(m_capture.wait("- stopping"));
-    // The first reconnect command acts at once, later ones only when 10 seconds are over.
+    // The first "reconn" acts at once, later ones only after 10 seconds.
     const auto start = std::chrono::steady_clock::now();
     client->dump("reconn");
     ASSERT_TRUE(refuseNext(DEADLINE));
@@ -68,7 +68,7 @@ TEST_F(SlowTest, ConnectOfAClientThatNeverOpensItsFifoGivesUpAfterTwentySeconds)
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(raw.connectWithoutReader());
     ASSERT_TRUE(m_capture.wait("opening m_fdsSendResponse " + raw.path("svr-rsp")));
-    // A real client asking meanwhile is admitted, to slot 1, once the server has given up.
+    // A client asking meanwhile gets slot 1 once the server has given up.
     auto client = MakeClient(m_guid);
     ASSERT_EQ(S_OK, client->initialize());
     ASSERT_TRUE(serverLoop.waitConnections(1));
