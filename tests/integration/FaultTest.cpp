@@ -156,7 +156,6 @@ TEST_F(FaultTest, ReconnectAndFinalizeWhileAConnectIsUnderWay) {
     serverLoop.join();
     EXPECT_EQ(QVIPC_E_SHUTDOWN, serverLoop.results().back().hr);
     EXPECT_EQ(3u, serverLoop.connections().size());
-    client->finalize();
 }
 
 // The test plays a server that opens the reply FIFO and dies: the client CONNECTs again.
@@ -219,7 +218,6 @@ TEST_F(FaultTest, DescriptorsBeyondFdSetSizeAreRefused) {
     freeLow(low.size());
     ASSERT_TRUE(serverLoop.waitConnections(1));  // it asks again after a pause
     ExpectRoundTrip(*client, "low again");
-    client->finalize();
 }
 
 }  // namespace

@@ -26,7 +26,6 @@ TEST_F(ProcessTest, ClientSurvivesServersThatDie) {
         m_peers.back()->kill();
         ASSERT_TRUE(clientLoop.waitResult(QVIPC_E_DISCONNECTED, connections));
     }
-    client->finalize();
 }
 
 // README.md's example: its client half here, its server half in a peer.
@@ -37,12 +36,10 @@ TEST_F(ProcessTest, ReadmeExampleRuns) {
 
 // A client killed mid-send and one exiting without finalize both free their slots.
 TEST_F(ProcessTest, ServerFreesTheSlotsOfClientsThatDieOrExit) {
-    auto server = MakeServer(m_guid, 4);
-    ASSERT_EQ(S_OK, server->initialize());
-    RequestLoop serverLoop(*server);
-    auto client = MakeClient(m_guid);
-    ASSERT_EQ(S_OK, client->initialize());
-    ASSERT_TRUE(serverLoop.waitConnections(1));
+    ConnectedPair pair(m_guid, 4);
+    ASSERT_TRUE(pair.ok);
+    RequestLoop& serverLoop = *pair.serverLoop;
+    CQVIPCLibrary& client = *pair.client;
     Peer& busy = startPeer("client");
     ASSERT_TRUE(serverLoop.waitConnections(2));
     ASSERT_TRUE(serverLoop.waitResult(S_OK, 20, 2));
@@ -52,15 +49,14 @@ TEST_F(ProcessTest, ServerFreesTheSlotsOfClientsThatDieOrExit) {
             return serverLoop.count(QVIPC_E_DISCONNECTED, 2) + serverLoop.count(QVIPC_E_READ, 2);
         },
         DEADLINE));
-    ExpectRoundTrip(*client, "still served");
+    ExpectRoundTrip(client, "still served");
     const size_t files = GuidFiles(m_guid).size(), gone = serverLoop.count(QVIPC_E_DISCONNECTED, 2);
     EXPECT_EQ(0, startPeer("exit-client").wait());
     ASSERT_TRUE(serverLoop.waitConnections(3));
     EXPECT_EQ(2ul, serverLoop.connections()[2]);
     EXPECT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, gone + 1, 2));
     EXPECT_EQ(files, GuidFiles(m_guid).size());
-    ExpectRoundTrip(*client, "and again");
-    client->finalize();
+    ExpectRoundTrip(client, "and again");
 }
 
 }  // namespace
