@@ -21,30 +21,29 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
     auto client = MakeClient(m_guid);
     RequestLoop clientLoop(*client);  // keeps the read ends the reconnect command works through
     ASSERT_EQ(S_OK, client->initialize());
-    // Refuses the next CONNECT, if one comes before the deadline.
-    auto refuseNext = [&](std::chrono::milliseconds deadline) {
+    auto refuseNext = [&](std::chrono::milliseconds deadline) {  // false when none came
+        qvframe::RequestFrame rec;
         qvframe::RequestHeader h{};
-        const bool got = WaitFor(
-            [&] {
-                qvframe::RequestFrame rec;
-                if (read(adminFd, rec, sizeof rec) != sizeof rec) return false;
-                h = qvframe::parseRequest(rec);
-                return h.type == qvframe::TYPE_CONNECT;
-            },
-            deadline);
-        const std::string reply = "/tmp/" + m_guid + "-svr-rsp-" + std::to_string(h.connectId) +
-                                  "-p" + std::to_string(h.pid);
-        const int fd = got ? open(reply.c_str(), O_WRONLY | O_NONBLOCK) : -1;
+        if (!WaitFor(
+                [&] {
+                    return read(adminFd, rec, sizeof rec) == sizeof rec &&
+                           (h = qvframe::parseRequest(rec)).type == qvframe::TYPE_CONNECT;
+                },
+                deadline))
+            return false;
+        const int fd = open(("/tmp/" + m_guid + "-svr-rsp-" + std::to_string(h.connectId) + "-p" +
+                             std::to_string(h.pid))
+                                .c_str(),
+                            O_WRONLY | O_NONBLOCK);
         qvframe::ResponseFrame frame;
         qvframe::buildAdminRecord(frame, qvframe::TYPE_CONNECT, 0, QVIPC_E_TOO_MANY_CLIENTS,
                                   static_cast<uint32_t>(getpid()));
         const bool sent = fd != -1 && WriteFull(fd, frame, sizeof frame);
-        if (fd != -1) close(fd);
-        return sent;
+        return close(fd), sent;
     };
     ASSERT_TRUE(refuseNext(DEADLINE));
     ASSERT_TRUE(m_capture.wait("- stopping"));
-    // The first reconnect command acts at once, later ones only when 10 seconds are over.
+    // The first "reconn" acts at once, later ones only after 10 seconds.
     const auto start = std::chrono::steady_clock::now();
     client->dump("reconn");
     ASSERT_TRUE(refuseNext(DEADLINE));
@@ -68,13 +67,12 @@ TEST_F(SlowTest, ConnectOfAClientThatNeverOpensItsFifoGivesUpAfterTwentySeconds)
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(raw.connectWithoutReader());
     ASSERT_TRUE(m_capture.wait("opening m_fdsSendResponse " + raw.path("svr-rsp")));
-    // A real client asking meanwhile is admitted, to slot 1, once the server has given up.
+    // A client asking meanwhile gets slot 1 once the server has given up.
     auto client = MakeClient(m_guid);
     ASSERT_EQ(S_OK, client->initialize());
     ASSERT_TRUE(serverLoop.waitConnections(1));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(19));
     EXPECT_EQ(1ul, serverLoop.connections()[0]);
-    client->finalize();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "tests/support/IpcSupport.h"
 
@@ -13,19 +14,6 @@ using namespace qvtest;
 namespace {
 
 using TransportTest = EndpointTest;
-
-// The buffer size of this process's first descriptor on a path starting with prefix; 0 if none.
-int PipeSizeOf(const std::string& prefix) {
-    for (int fd = 0; fd < 1024; ++fd) {
-        char link[512];
-        const ssize_t n =
-            readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof link - 1);
-        if (n > 0 && std::string(link, static_cast<size_t>(n)).rfind(prefix, 0) == 0) {
-            return fcntl(fd, F_GETPIPE_SZ);
-        }
-    }
-    return 0;
-}
 
 // Extension sizes 48, 5 and 0: what travels is exactly the endpoints' extension size.
 class RoundTripTest : public EndpointTest, public ::testing::WithParamInterface<unsigned long> {};
@@ -37,9 +25,13 @@ TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
     const unsigned long slot = 1;
     EXPECT_EQ(slot, pair.serverLoop->connections()[0]);
     EXPECT_EQ(0ul, pair.clientLoop->connections()[0]);
-    const std::string fifo = "/tmp/" + m_guid + "-svr-req-";
-    const int initial = PipeSizeOf(fifo);
-    // Messages beyond 64 KiB grow their FIFO to the next power of two, at most 1 MiB.
+    const std::string fifo = "/tmp/" + m_guid + "-svr-req-3-p" + std::to_string(getpid());
+    auto pipeSizeOf = [&] {  // a property of the FIFO, whoever opened it
+        const int fd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK), n = fcntl(fd, F_GETPIPE_SZ);
+        return close(fd), n;
+    };
+    const int initial = pipeSizeOf();
+    // Beyond 64 KiB a FIFO grows to the next power of two, at most 1 MiB.
     const std::pair<size_t, int> sizes[] = {
         {0, initial}, {1, initial}, {71, initial}, {65537, 131072}, {5 << 20, 1048576}};
     unsigned long expectedId = 1;
@@ -56,21 +48,13 @@ TEST_P(RoundTripTest, RequestsAndResponsesTravelBothWaysByteForByte) {
                                              ext.data()));
             EXPECT_EQ(fromClient ? expectedId++ : id, id);
             const Received r = ReceiveResponse(from, extSize);
+            RequestLoop& peer = fromClient ? *pair.serverLoop : *pair.clientLoop;
+            ASSERT_TRUE(peer.waitResult(S_OK, expectedId - 1));  // the request's type arrived
+            EXPECT_EQ(fromClient ? 7 : -9, peer.results().back().type);
             EXPECT_EQ(std::make_tuple(S_OK, to, id, true, body.empty(), ext.substr(0, extSize)),
                       std::make_tuple(r.hr, r.ipcid, r.id, r.body == body, r.bodyNull, r.ext));
         }
-        EXPECT_EQ(pipeSize, PipeSizeOf(fifo));
-    }
-    EXPECT_EQ(S_OK, pair.client->finalize());
-    EXPECT_EQ(S_OK, pair.server->finalize());
-    pair.serverLoop->join();
-    pair.clientLoop->join();
-    // The connection, five requests of their type, ..., the shutdown.
-    for (const auto& [seen, type] : {std::make_pair(pair.serverLoop->results(), 7),
-                                     std::make_pair(pair.clientLoop->results(), -9)}) {
-        ASSERT_GE(seen.size(), 7u);  // the server may see the client go first
-        for (size_t i = 1; i < 6; ++i) EXPECT_EQ(type, seen[i].type);
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, seen.back().hr);
+        EXPECT_EQ(pipeSize, pipeSizeOf());
     }
 }
 
@@ -96,7 +80,6 @@ TEST_F(TransportTest, SixtyThreeClientsAndTheirSlots) {
     int fds = CountOpenFds();
     ASSERT_EQ(S_OK, refused->initialize());
     ASSERT_TRUE(m_capture.wait("server has too many clients"));
-    // Its connect thread ended and gave every descriptor up.
     EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == fds; }, DEADLINE));
     unsigned long id = 0;
     EXPECT_EQ(QVIPC_E_NO_PIPE, refused->sendRequest(0, "x", 1, &id, 1, nullptr));
@@ -108,22 +91,22 @@ TEST_F(TransportTest, SixtyThreeClientsAndTheirSlots) {
     ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1));
     clients[3]->finalize();
     ASSERT_TRUE(serverLoop.waitResult(QVIPC_E_DISCONNECTED, 2));
-    std::vector<unsigned long> freed;
+    std::set<unsigned long> freed;
     for (const Received& r : serverLoop.results()) {
-        if (r.hr == QVIPC_E_DISCONNECTED) freed.push_back(r.ipcid);
+        if (r.hr == QVIPC_E_DISCONNECTED) freed.insert(r.ipcid);
     }
-    std::sort(freed.begin(), freed.end());
     clients.push_back(MakeClient(m_guid, 0));
     ASSERT_EQ(S_OK, clients.back()->initialize());
     ASSERT_TRUE(serverLoop.waitConnections(64));
-    EXPECT_EQ(freed[0], serverLoop.connections()[63]);
+    EXPECT_EQ(*freed.begin(), serverLoop.connections()[63]);
     ExpectRoundTrip(*clients.back(), "again");
     // A freed slot has no pipe; one beyond the slots, or 0 on a server, is invalid.
-    const std::tuple<unsigned long, bool, QVRESULT> cases[] = {{freed[1], false, QVIPC_E_NO_PIPE},
-                                                               {64, false, QVIPC_E_INVALID_ID},
-                                                               {0, false, QVIPC_E_INVALID_ID},
-                                                               {0, true, QVIPC_E_NO_PIPE},
-                                                               {64, true, QVIPC_E_INVALID_ID}};
+    const std::tuple<unsigned long, bool, QVRESULT> cases[] = {
+        {*freed.rbegin(), false, QVIPC_E_NO_PIPE},
+        {64, false, QVIPC_E_INVALID_ID},
+        {0, false, QVIPC_E_INVALID_ID},
+        {0, true, QVIPC_E_NO_PIPE},
+        {64, true, QVIPC_E_INVALID_ID}};
     for (const auto& [ipcid, response, hr] : cases) {
         EXPECT_EQ(hr, response ? server->sendResponse(ipcid, 1, "x", 1, nullptr)
                                : server->sendRequest(ipcid, "x", 1, &id, 1, nullptr))
@@ -132,26 +115,13 @@ TEST_F(TransportTest, SixtyThreeClientsAndTheirSlots) {
 }
 
 TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
-    auto server = MakeServer(m_guid, 4, 0);
-    auto first = MakeClient(m_guid, 0);
-    auto second = MakeClient(m_guid, 0);
+    std::unique_ptr<CQVIPCLibrary> server = MakeServer(m_guid, 4, 0), clients[2];
     ASSERT_EQ(S_OK, server->initialize());
-    ASSERT_EQ(S_OK, first->initialize());
-    ASSERT_EQ(S_OK, second->initialize());
-    for (unsigned long slot = 1; slot <= 2; ++slot) {
-        // A new connection clears the outputs that carry a message; nothing stale survives.
-        unsigned long ipcid = 99, id = 99, len = 99;
-        int type = 99;
-        char* buf = reinterpret_cast<char*>(&type);
-        ASSERT_EQ(QVIPC_E_NEW_CONNECTION,
-                  server->receiveRequest(&ipcid, &id, &buf, &len, &type, nullptr));
-        EXPECT_EQ(std::make_tuple(slot, 0ul, 0ul, 0, nullptr), std::tie(ipcid, id, len, type, buf));
-    }
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_EQ(S_OK, SendWhenConnected(*first, "first"));
-        ASSERT_EQ(S_OK, SendWhenConnected(*second, "second"));
-    }
-    // Slots 1 and 2 alternate, the lower first in each cycle, whichever client sent first.
+    for (auto& c : clients) ASSERT_EQ(S_OK, (c = MakeClient(m_guid, 0))->initialize());
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(QVIPC_E_NEW_CONNECTION, ReceiveRequest(*server, 0).hr);
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(S_OK, SendWhenConnected(*clients[i % 2], i % 2 ? "b" : "a"));
+    // Slots alternate, the lower first in each cycle, whichever client sent first.
     std::map<unsigned long, std::string> bodyOfSlot;
     for (int i = 0; i < 20; ++i) {
         const Received r = ReceiveRequest(*server, 0);
@@ -160,13 +130,9 @@ TEST_F(TransportTest, BusyClientsTakeTurnsOneMessagePerCycle) {
         EXPECT_EQ(bodyOfSlot.emplace(r.ipcid, r.body).first->second, r.body);
     }
     EXPECT_NE(bodyOfSlot[1], bodyOfSlot[2]);
-    first->finalize();
-    second->finalize();
-    server->finalize();
 }
 
-// Receivers blocked in select() take in a peer that connects later; finalize wakes them, waits
-// for them and removes the endpoint's FIFOs, also in a client whose server never came.
+// Receivers blocked in select() take in a late peer; finalize wakes them and removes the FIFOs.
 TEST_F(TransportTest, BlockedReceiversTakeInLatePeersAndWakeAtFinalize) {
     auto server = MakeServer(m_guid, 2);
     ASSERT_EQ(S_OK, server->initialize());
@@ -174,42 +140,31 @@ TEST_F(TransportTest, BlockedReceiversTakeInLatePeersAndWakeAtFinalize) {
     Received got;
     std::thread receiver([&] { got = ReceiveResponse(*server); });
     ASSERT_TRUE(m_capture.wait("receiveResponseServer ("));
-    const std::string lonely = TestGuid();
-    m_moreGuids.push_back(lonely);
-    std::unique_ptr<CQVIPCLibrary> clients[] = {MakeClient(m_guid), MakeClient(lonely)};
-    std::unique_ptr<RequestLoop> loops[2];
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(S_OK, clients[i]->initialize());
-        loops[i] = std::make_unique<RequestLoop>(*clients[i]);
-    }
+    auto client = MakeClient(m_guid);
+    ASSERT_EQ(S_OK, client->initialize());
+    RequestLoop clientLoop(*client);
     ASSERT_TRUE(serverLoop.waitConnections(1));
     unsigned long id = 0;
     ASSERT_EQ(S_OK, SendWhenConnected(*server, "late", 3, 1, &id));
     receiver.join();
     EXPECT_EQ(std::make_tuple(S_OK, 1ul, id, std::string("late")),
               std::tie(got.hr, got.ipcid, got.id, got.body));
-    ASSERT_TRUE(m_capture.wait("can't open fdSendAdmin /tmp/" + lonely + "-svr-admin"));
     EXPECT_EQ(5u, GuidFiles(m_guid).size());
-    // The clients, then the server: each with a response receiver blocked.
-    const char* blockedIn[] = {"receiveResponseOnClientPipe (", "receiveResponse (",
-                               "receiveResponseServer ("};
-    for (int i = 0; i < 3; ++i) {
-        SCOPED_TRACE(i);
-        CQVIPCLibrary& lib = i < 2 ? *clients[i] : *server;
-        const size_t entered = m_capture.count(blockedIn[i]);
-        receiver = std::thread([&] { got = ReceiveResponse(lib); });
-        ASSERT_TRUE(m_capture.wait(blockedIn[i], entered + 1));
-        EXPECT_EQ(S_OK, lib.finalize());
+    const std::tuple<CQVIPCLibrary*, RequestLoop*, const char*> ends[] = {
+        {client.get(), &clientLoop, "receiveResponseOnClientPipe ("},
+        {server.get(), &serverLoop, "receiveResponseServer ("}};
+    for (const auto& [lib, loop, blockedIn] : ends) {
+        const size_t entered = m_capture.count(blockedIn);
+        receiver = std::thread([&, lib = lib] { got = ReceiveResponse(*lib); });
+        ASSERT_TRUE(m_capture.wait(blockedIn, entered + 1));
+        EXPECT_EQ(S_OK, lib->finalize());
         receiver.join();
-        RequestLoop& loop = i < 2 ? *loops[i] : serverLoop;
-        loop.join();
+        loop->join();
         EXPECT_EQ(QVIPC_E_SHUTDOWN, got.hr);
-        EXPECT_EQ(QVIPC_E_SHUTDOWN, loop.results().back().hr);
-        const std::string guid = i == 1 ? lonely : m_guid;
-        EXPECT_EQ(std::vector<std::string>{guid + "-svr-admin"}, GuidFiles(guid));
-        EXPECT_TRUE(i != 0 || serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 1));
+        EXPECT_EQ(QVIPC_E_SHUTDOWN, loop->results().back().hr);
+        EXPECT_EQ(std::vector<std::string>{m_guid + "-svr-admin"}, GuidFiles(m_guid));
+        EXPECT_TRUE(lib != client.get() || serverLoop.waitResult(QVIPC_E_DISCONNECTED, 1, 1));
     }
-    // Shut down for good, initialize too.
     EXPECT_EQ(QVIPC_E_SHUTDOWN, server->sendRequest(1, "x", 1, &id, 1, nullptr));
     EXPECT_EQ(QVIPC_E_SHUTDOWN, server->initialize());
 }
