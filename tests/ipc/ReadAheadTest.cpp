@@ -1,6 +1,5 @@
-// Reading a data FIFO ahead: frames that one read() takes come out one per call and in order,
-// wherever the buffer's edge cuts a header or a body; a frame torn by its writer after good
-// ones still breaks the connection as it did, whether the writer died or lives on.
+// Frames that one read() takes come out one per call and in order; a frame torn by its writer
+// after good ones still breaks the connection, whether the writer died or lives on.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -57,8 +56,7 @@ protected:
 };
 
 TEST_F(ReadAheadTest, FramesOfOneReadComeOutInOrderWhereverTheBufferCutsThem) {
-    // Varied sizes put header and body edges on every side of 4 KiB boundaries; one body is
-    // larger than the buffer.
+    // Header and body edges fall on every side of 4 KiB boundaries; one body outgrows the buffer.
     std::string burst;
     for (uint32_t id = 1; id <= 120; ++id) burst += frame(id, id == 60 ? 9000 : id * 37 % 300);
     send(burst);
@@ -98,10 +96,6 @@ INSTANTIATE_TEST_SUITE_P(Cuts, ReadAheadCutOffTest,
                          testing::Values(CutOff{0, true, QVIPC_E_DISCONNECTED},
                                          CutOff{30, true, QVIPC_E_READ},
                                          CutOff{30, false, QVIPC_E_READ},
-                                         CutOff{68 + 40, true, QVIPC_E_READ}),
-                         [](const testing::TestParamInfo<CutOff>& p) {
-                             return "Kept" + std::to_string(p.param.kept) +
-                                    (p.param.writerCloses ? "Closed" : "WriterLives");
-                         });
+                                         CutOff{68 + 40, true, QVIPC_E_READ}));
 
 }  // namespace
