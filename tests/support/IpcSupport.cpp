@@ -1,8 +1,3 @@
-// 64-bit directory offsets on i686 too (see TestSupport.cpp).
-#ifndef _FILE_OFFSET_BITS
-#define _FILE_OFFSET_BITS 64
-#endif
-
 #include "tests/support/IpcSupport.h"
 
 #include <fcntl.h>
@@ -12,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -35,11 +31,9 @@ Received Collect(unsigned long extSize, Receive receive) {
     return r;
 }
 
-// name starts with head and ends in "-p<pid>"
-bool Matches(const std::string& name, const std::string& head, pid_t pid) {
-    const std::string tail = "-p" + std::to_string(pid);
-    return name.compare(0, head.size(), head) == 0 && name.size() >= head.size() + tail.size() &&
-           name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
+void CloseFd(int& fd) {
+    if (fd != -1) close(fd);
+    fd = -1;
 }
 
 int OpenWhenPossible(const std::string& path, int flags) {
@@ -77,10 +71,8 @@ Received ReceiveResponse(CQVIPCLibrary& lib, unsigned long extSize) {
 std::string Pattern(size_t n, uint32_t seed) {
     std::string s(n, '\0');
     uint32_t x = seed ^ (static_cast<uint32_t>(n) * 40503u);
-    for (char& c : s) {
-        x = x * 1103515245u + 12345u;  // an LCG; its high bits vary best
-        c = static_cast<char>(x >> 23);
-    }
+    // An LCG; its high bits vary best.
+    for (char& c : s) c = static_cast<char>((x = x * 1103515245u + 12345u) >> 23);
     return s;
 }
 
@@ -100,12 +92,11 @@ QVRESULT SendWhenConnected(CQVIPCLibrary& lib, const std::string& body, int type
                            unsigned long ipcid, unsigned long* pId) {
     QVRESULT hr = 0;
     unsigned long id = 0;
-    WaitFor(
-        [&] {
-            hr = lib.sendRequest(ipcid, body.data(), body.size(), &id, type, nullptr);
-            return hr != QVIPC_E_NO_PIPE;
-        },
-        DEADLINE);
+    const auto sent = [&] {
+        return (hr = lib.sendRequest(ipcid, body.data(), body.size(), &id, type, nullptr)) !=
+               QVIPC_E_NO_PIPE;
+    };
+    WaitFor(sent, DEADLINE);
     if (pId != nullptr) *pId = id;
     return hr;
 }
@@ -132,8 +123,7 @@ RequestLoop::RequestLoop(CQVIPCLibrary& lib, unsigned long extSize, bool echo)
           }
       }) {}
 
-// Finalizes first, so that a test that stops early ends its loop instead of waiting for ever.
-RequestLoop::~RequestLoop() {
+RequestLoop::~RequestLoop() {  // finalizes first: a loop of a test that stops early ends
     m_lib.finalize();
     join();
 }
@@ -147,11 +137,10 @@ std::vector<unsigned long> RequestLoop::connections() {
 }
 
 size_t RequestLoop::count(QVRESULT hr, long ipcid) {
-    size_t n = 0;
-    for (const Received& r : results()) {
-        n += r.hr == hr && (ipcid < 0 || r.ipcid == static_cast<unsigned long>(ipcid)) ? 1 : 0;
-    }
-    return n;
+    const std::vector<Received> all = results();
+    return std::count_if(all.begin(), all.end(), [&](const Received& r) {
+        return r.hr == hr && (ipcid < 0 || r.ipcid == static_cast<unsigned long>(ipcid));
+    });
 }
 
 ConnectedPair::ConnectedPair(const std::string& guid, unsigned long clients, unsigned long ext,
@@ -166,17 +155,10 @@ ConnectedPair::ConnectedPair(const std::string& guid, unsigned long clients, uns
 std::vector<std::string> GuidFiles(const std::string& guid) {
     std::vector<std::string> files;
     ForEachEntry("/tmp", [&](const std::string& name) {
-        if (name.compare(0, guid.size(), guid) == 0 && name.find("IDGEN") == std::string::npos) {
+        if (name.rfind(guid, 0) == 0 && name.find("IDGEN") == std::string::npos)
             files.push_back(name);
-        }
     });
     return files;
-}
-
-int CountFds(pid_t pid) {
-    int n = 0;
-    ForEachEntry("/proc/" + std::to_string(pid) + "/fd", [&](const std::string&) { ++n; });
-    return n;
 }
 
 long ResidentKiB(pid_t pid) {
@@ -192,15 +174,21 @@ long long ClientConnectId(const std::string& guid, pid_t pid) {
     const std::string head = guid + "-svr-req-";
     long long id = -1;
     ForEachEntry("/tmp", [&](const std::string& name) {
-        if (Matches(name, head, pid)) id = std::stoll(name.substr(head.size()));
+        long long n = -1;
+        int p = 0;
+        const bool ours = name.compare(0, head.size(), head) == 0 &&
+                          sscanf(name.c_str() + head.size(), "%lld-p%d", &n, &p) == 2 && p == pid;
+        id = ours ? n : id;
     });
     return id;
 }
 
 void RemoveClientFifos(const std::string& guid, pid_t pid) {
-    ForEachEntry("/tmp", [&](const std::string& name) {
-        if (Matches(name, guid + "-", pid)) unlink(("/tmp/" + name).c_str());
-    });
+    const std::string tail =
+        "-" + std::to_string(ClientConnectId(guid, pid)) + "-p" + std::to_string(pid);
+    for (const char* role : {"-svr-req", "-svr-rsp", "-cli-req", "-cli-rsp"}) {
+        unlink(("/tmp/" + guid + role + tail).c_str());
+    }
 }
 
 bool ReadFull(int fd, void* buf, size_t len) {
@@ -212,7 +200,6 @@ bool WriteFull(int fd, const void* buf, size_t len) {
 }
 
 bool WaitFifoDrained(const std::string& path) {
-    // A read end that never reads: it only looks at how much is waiting.
     const int probe = open(path.c_str(), O_RDONLY | O_NONBLOCK);
     if (probe == -1) return false;
     int n = -1;
@@ -263,21 +250,17 @@ void RawClient::openReadEnds() {
 }
 
 uint32_t RawClient::connect() {
-    // The read ends first: the server opens their write ends as soon as it takes the CONNECT.
-    openReadEnds();
+    openReadEnds();  // first: the server opens their write ends as soon as it takes the CONNECT
     return connectWithoutReader() ? answerConnect() : ~0u;
 }
 
 uint32_t RawClient::answerConnect() {
     if (m_fds[1] == -1) openReadEnds();
     qvframe::ResponseFrame reply;
-    if (!WaitFor(
-            [&] {
-                return read(m_fds[1], reply, sizeof reply) == static_cast<ssize_t>(sizeof reply);
-            },
-            DEADLINE)) {
-        return ~0u;
-    }
+    const auto got = [&] {
+        return read(m_fds[1], reply, sizeof reply) == static_cast<ssize_t>(sizeof reply);
+    };
+    if (!WaitFor(got, DEADLINE)) return ~0u;
     const uint32_t result = qvframe::parseResponse(reply).result;
     if (result == 0) {
         m_fds[2] = OpenWhenPossible(path("svr-req"), O_WRONLY);
@@ -288,18 +271,12 @@ uint32_t RawClient::answerConnect() {
 
 bool RawClient::send(const std::string& bytes, bool closeAfter) {
     const bool ok = WriteFull(m_fds[2], bytes.data(), bytes.size());
-    if (closeAfter) {
-        close(m_fds[2]);
-        m_fds[2] = -1;
-    }
+    if (closeAfter) CloseFd(m_fds[2]);
     return ok;
 }
 
 void RawClient::closeAll() {
-    for (int& fd : m_fds) {
-        if (fd != -1) close(fd);
-        fd = -1;
-    }
+    for (int& fd : m_fds) CloseFd(fd);
 }
 
 LineCapture::LineCapture() {
@@ -322,7 +299,6 @@ size_t LineCapture::count(const std::string& text) {
 }
 
 Peer::Peer(const std::string& role, const std::string& guid) {
-    // Everything the child needs is made before fork: a threaded process may only exec.
     char self[PATH_MAX] = {0};
     if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) return;
     std::string flag = "--peer=" + role + "," + guid;
@@ -334,13 +310,6 @@ Peer::Peer(const std::string& role, const std::string& guid) {
         execv(args[0], args);
         _exit(127);
     }
-}
-
-void Peer::kill() {
-    if (m_pid <= 0) return;
-    ::kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
 }
 
 int Peer::wait() {
@@ -373,7 +342,6 @@ void EndpointTest::TearDown() {
     m_peers.clear();
     m_moreGuids.push_back(m_guid);
     for (const std::string& guid : m_moreGuids) RemoveGuidFiles(guid);
-    // Endpoints close the last descriptors on their own threads' way out.
     EXPECT_TRUE(WaitFor([&] { return CountOpenFds() == m_fdsBefore; }, DEADLINE))
         << CountOpenFds() << " descriptors open, " << m_fdsBefore << " before the test";
 }

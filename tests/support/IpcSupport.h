@@ -1,4 +1,4 @@
-// What the transport's tests, the reliability programs, the fuzzers and the benchmarks share.
+// What transport tests, reliability programs, fuzzers and benchmarks share.
 #ifndef TESTS_SUPPORT_IPCSUPPORT_H_
 #define TESTS_SUPPORT_IPCSUPPORT_H_
 
@@ -28,22 +28,20 @@ constexpr std::chrono::milliseconds DEADLINE{60000};
 inline std::unique_ptr<CQVIPCLibrary> MakeServer(const std::string& guid, unsigned long clients,
                                                  unsigned long ext = 48,
                                                  unsigned long sto = NO_TIMEOUT) {
-    return std::unique_ptr<CQVIPCLibrary>(new CQVIPCLibrary("server", guid, 1, clients, ext, sto));
+    return std::make_unique<CQVIPCLibrary>("server", guid, 1, clients, ext, sto);
 }
 inline std::unique_ptr<CQVIPCLibrary> MakeClient(const std::string& guid, unsigned long ext = 48,
                                                  unsigned long sto = NO_TIMEOUT) {
-    return std::unique_ptr<CQVIPCLibrary>(new CQVIPCLibrary("client", guid, 0, 0, ext, sto));
+    return std::make_unique<CQVIPCLibrary>("client", guid, 0, 0, ext, sto);
 }
 
 // One receive call's result and outputs; ext holds extSize bytes.
 struct Received {
     QVRESULT hr = 0;
-    unsigned long ipcid = 0;
-    unsigned long id = 0;
+    unsigned long ipcid = 0, id = 0;
     int type = 0;
-    std::string body;
+    std::string body, ext;
     bool bodyNull = true;
-    std::string ext;
 };
 Received ReceiveRequest(CQVIPCLibrary& lib, unsigned long extSize = 48);
 Received ReceiveResponse(CQVIPCLibrary& lib, unsigned long extSize = 48);
@@ -59,14 +57,11 @@ QVRESULT SendWhenConnected(CQVIPCLibrary& lib, const std::string& body, int type
                            unsigned long ipcid = 0, unsigned long* pId = nullptr);
 void ExpectRoundTrip(CQVIPCLibrary& client, const std::string& body);
 
-// A thread on receiveRequest until QVIPC_E_SHUTDOWN, recording every result; with echo it
-// answers data requests of nonzero type with their own body and extension.
+// Records every receiveRequest result until shutdown; with echo, answers nonzero types in kind.
 class RequestLoop {
 public:
     RequestLoop(CQVIPCLibrary& lib, unsigned long extSize = 48, bool echo = true);
     ~RequestLoop();  // finalizes the endpoint, then joins
-    RequestLoop(const RequestLoop&) = delete;
-    RequestLoop& operator=(const RequestLoop&) = delete;
 
     std::vector<Received> results() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -89,14 +84,11 @@ private:
     std::thread m_thread;
 };
 
-// A server for `clients` and one client, each with a RequestLoop; ok once both are connected.
+// A server for `clients` and one client, each with a RequestLoop (that finalizes it first); ok
+// once both are connected.
 struct ConnectedPair {
     ConnectedPair(const std::string& guid, unsigned long clients, unsigned long ext = 48,
                   bool echo = true);
-    ~ConnectedPair() {
-        client->finalize();
-        server->finalize();
-    }
     std::unique_ptr<CQVIPCLibrary> server, client;
     std::unique_ptr<RequestLoop> serverLoop, clientLoop;
     bool ok = false;
@@ -104,18 +96,14 @@ struct ConnectedPair {
 
 // The service's entries in /tmp: names starting with guid, less the id generator's lock.
 std::vector<std::string> GuidFiles(const std::string& guid);
-int CountFds(pid_t pid);
 long ResidentKiB(pid_t pid);
-// The connect id in the FIFO names of process pid's client endpoint; -1 when there are none.
-long long ClientConnectId(const std::string& guid, pid_t pid);
-// Removes the FIFOs a killed client left, as a sweep would.
-void RemoveClientFifos(const std::string& guid, pid_t pid);
+long long ClientConnectId(const std::string& guid, pid_t pid);  // -1 when it has no FIFOs
+void RemoveClientFifos(const std::string& guid, pid_t pid);     // as a sweep would
 
 // Loop over short transfers; false on end of file or an error other than EINTR.
 bool ReadFull(int fd, void* buf, size_t len);
 bool WriteFull(int fd, const void* buf, size_t len);
-// Waits until nothing is left to read in the FIFO at path.
-bool WaitFifoDrained(const std::string& path);
+bool WaitFifoDrained(const std::string& path);  // nothing left to read in the FIFO
 
 // A request header or admin record, built by the library's own builder.
 std::string Frame(uint32_t type, uint32_t requestId, uint32_t bodySize, int32_t requestType);
@@ -130,10 +118,9 @@ public:
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
-    uint32_t connect();  // the reply's result word, ~0u when none came
-    // FIFOs and CONNECT only: the server's open of the reply FIFO waits for a reader...
-    bool connectWithoutReader();
-    uint32_t answerConnect();  // ...until this opens the read ends and takes the reply
+    uint32_t connect();           // the reply's result word, ~0u when none came
+    bool connectWithoutReader();  // FIFOs and CONNECT only: the server's reply waits...
+    uint32_t answerConnect();     // ...until this opens the read ends and takes it
     bool send(const std::string& bytes, bool closeAfter = false);
     void closeAll();
     std::string path(const char* role) const;
@@ -150,14 +137,11 @@ class LineCapture {
 public:
     LineCapture();
     ~LineCapture() { QVSetLogCallback(nullptr, nullptr); }
-    LineCapture(const LineCapture&) = delete;
-    LineCapture& operator=(const LineCapture&) = delete;
     std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines;
     }
-    // A line is only ever a point to wait for, never an oracle.
-    size_t count(const std::string& text);
+    size_t count(const std::string& text);  // a point to wait for, never an oracle
     bool wait(const std::string& text, size_t n = 1) {
         return WaitFor([&] { return count(text) >= n; }, DEADLINE);
     }
@@ -171,16 +155,13 @@ private:
 class Peer {
 public:
     Peer(const std::string& role, const std::string& guid);
-    ~Peer() { kill(); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-    void kill();
+    ~Peer() { kill(); }  // never copied: EndpointTest holds it by pointer
+    void kill() { KillAndReap(m_pid); }
     int wait();  // exit status, -1 when it did not exit
 
 private:
     pid_t m_pid = -1;
 };
-// Runs the peer role named on the command line, or the tests.
 struct PeerRole {
     const char* name;
     int (*run)(const std::string& guid);

@@ -48,19 +48,20 @@ void ForEachEntry(const std::string& dir, const std::function<void(const std::st
     closedir(d);
 }
 
-int CountOpenFds() {
-    int n = -1;  // less the directory stream's own
-    ForEachEntry("/proc/self/fd", [&](const std::string&) { ++n; });
+int CountFds(int pid) {
+    int n = 0;
+    ForEachEntry("/proc/" + std::to_string(pid) + "/fd", [&](const std::string&) { ++n; });
     return n;
 }
+
+int CountOpenFds() { return CountFds(getpid()) - 1; }  // less the directory stream's own
 
 void RemoveGuidFiles(const std::string& guid) {
     for (const char* dir : {"/tmp/", "/dev/shm/"}) {
         ForEachEntry(dir, [&](const std::string& name) {
             const std::string path = dir + name;
-            if (name.find(guid) != std::string::npos && unlink(path.c_str()) != 0) {
+            if (name.find(guid) != std::string::npos && unlink(path.c_str()) != 0)
                 rmdir(path.c_str());
-            }
         });
     }
 }
@@ -82,11 +83,9 @@ CHeldChild::CHeldChild(const std::function<bool()>& body) {
     close(up[0]);
 }
 
-void CHeldChild::kill() {
-    if (m_pid <= 0) return;
-    ::kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
+void KillAndReap(int& pid) {
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+    pid = -1;
 }
 
 }  // namespace qvtest

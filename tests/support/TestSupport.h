@@ -13,12 +13,13 @@ std::string TestGuid();
 // Polls pred every 10 ms until it holds or the deadline passes; returns the last result.
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds deadline);
 int CountOpenFds();
+int CountFds(int pid);
 // Calls f with the name of every entry of dir but . and ..
 void ForEachEntry(const std::string& dir, const std::function<void(const std::string&)>& f);
 // Removes every /tmp and /dev/shm entry whose name holds guid.
 void RemoveGuidFiles(const std::string& guid);
-// The emulator the test binaries run under, "" when native.
-const char* Emulator();
+const char* Emulator();      // the one the test binaries run under, "" when native
+void KillAndReap(int& pid);  // SIGKILL and wait, when pid > 0; then -1
 
 // A forked child that runs body() and holds what it took (a lock, a counter) until killed.
 class CHeldChild {
@@ -28,7 +29,7 @@ public:
     CHeldChild(const CHeldChild&) = delete;
     CHeldChild& operator=(const CHeldChild&) = delete;
     bool ok() const { return m_bOk; }  // body() returned true
-    void kill();                       // SIGKILL, then reaps it
+    void kill() { KillAndReap(m_pid); }
 
 private:
     int m_pid = -1;
