@@ -1,5 +1,4 @@
-/* The plain-function interface from C: this file compiles only if the header is C. Returns 0, or
- * the line of the first failed check. */
+/* The C interface, compiled as C; returns 0 or the line of the first failed check. */
 #include <string.h>
 
 #include "json/JSON_C.h"

@@ -1,8 +1,5 @@
-// A thread keeps the containers of released trees for its next documents: nothing of them may
-// show through, and trees stay releasable on any thread and by callers.
+// Containers of released trees are reused for the next documents: nothing of them may show.
 #include <gtest/gtest.h>
-
-#include <thread>
 
 #include "json/JSONMessage.h"
 #include "tests/json/TreeText.h"
@@ -32,21 +29,6 @@ TEST(DomContainerReuseTest, ChangedValuesOfAReleasedTreeDoNotShowInTheNext) {
         m["g"].Set(5, 1);  // a recycled vector grows like any other
         EXPECT_EQ(R"([3,4,null,null,null,1])", Text(m["g"]));
     }
-}
-
-TEST(DomContainerReuseTest, TreesParsedOnOneThreadAreReleasedOnAnother) {
-    auto* moved = new JSON::Message;
-    std::thread([&] {
-        JSON::Message local;
-        ASSERT_TRUE(local.Parse(SHAPE));
-        ASSERT_TRUE(moved->Parse(SAME_SHAPE));
-    }).join();  // the parsing thread and its cache are gone
-    JSON::Message here;
-    ASSERT_TRUE(here.Parse(SHAPE));
-    EXPECT_EQ(SAME_SHAPE, Text(*moved));
-    delete moved;  // into this thread's cache
-    ASSERT_TRUE(here.Parse(SAME_SHAPE));
-    EXPECT_EQ(SAME_SHAPE, Text(here));
 }
 
 }  // namespace

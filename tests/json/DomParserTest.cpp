@@ -9,8 +9,7 @@
 
 namespace {
 
-// Parses text copied, in place and into a root whose names a lookup had sorted, which must act
-// as a fresh one. `expected` is the compact text of what was read, after a '!' when it fails.
+// Copied, in place, and into a root a lookup had sorted; `expected` is "!tree" on failure.
 void ExpectRead(const std::string& text, int length, const std::string& expected) {
     SCOPED_TRACE(text);
     const bool ok = expected[0] != '!';
@@ -89,8 +88,7 @@ TEST(DomParserTest, OutcomeTable) {
     EXPECT_EQ("[3]", Text(m));
 }
 
-// Lengths around the reader's 8- and 16-byte steps, a byte to escape at the start, middle or
-// end: read and written back exactly, and refused when cut off though the rest is in the buffer.
+// Lengths around the reader's 8- and 16-byte steps, with an escape at the start, middle or end.
 TEST(DomParserTest, StringsOfEveryLengthReadWriteAndCutOffExactly) {
     const std::pair<std::string, std::string> specials[] = {
         {"", ""},      {"\"", "\\\""},      {"\\", "\\\\"},
@@ -183,8 +181,7 @@ TEST(DomParserTest, WideDocumentsKeepEveryValue) {
     EXPECT_EQ(99999, m[100000].AsInt());
 }
 
-// Containers of an application's own types: read through their own AddValue and AddName,
-// written through their own Serialize.
+// An application's own container types: read through their own Add, written by their Serialize.
 std::string g_added;
 
 class TaggedArray : public JSON::ArrayValue {

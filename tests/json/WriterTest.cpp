@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -34,13 +33,9 @@ TEST(WriterEscapeTest, EscapesControlBytesQuotesAndBackslashesOnly) {
     EXPECT_EQ(expected, out);
 }
 
-// Doubles of moderate size take a path of their own: still the C library's texts, at rounding
-// ties and at the ends of the plain-decimal range.
+// Rounding ties and the ends of the plain-decimal range, where the fast path is likeliest wrong.
 TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
     std::vector<double> values = {1e-4, 0.000099999995, 999999.5, 999999.49999999, 1e6, 0.3};
-    std::mt19937_64 rng(20261123);
-    std::uniform_real_distribution<double> decade(-6.0, 7.0);
-    for (int i = 0; i < 50000; ++i) values.push_back(std::pow(10.0, decade(rng)));
     for (long d = 100000; d < 1000000; d += 997) {
         for (int k = -10; k <= 0; ++k) {
             const double tie = (static_cast<double>(d) + 0.5) * std::pow(10.0, k);
@@ -92,6 +87,10 @@ TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
         {[](JSON::Serialize& w) { w.AO().V(1).OC(); }, "[1"},
         {[](JSON::Serialize& w) { w.OO().AC(); }, "{"},
         {[](JSON::Serialize& w) { w.AO().JS_N("1", -1); }, "["},
+        {[](JSON::Serialize& w) {
+             for (int i = 0; i < 33; ++i) w.AO();
+         },
+         "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["},
     };
     for (const auto& c : cases) {
         JSON::Serialize w;
@@ -104,7 +103,7 @@ TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
     }
 }
 
-TEST(WriterSerializeTest, NestsThirtyTwoLevelsAndRefusesTheNext) {
+TEST(WriterSerializeTest, NestsThirtyTwoLevels) {
     JSON::Serialize w;
     std::string expected;
     for (int i = 0; i < 16; ++i, expected += R"([{"k":)") w.AO().OO().N("k");
@@ -114,10 +113,6 @@ TEST(WriterSerializeTest, NestsThirtyTwoLevelsAndRefusesTheNext) {
     w.OO().OC();  // a second top-level container follows without a separator
     EXPECT_EQ(expected + "{}", w.String());
     EXPECT_FALSE(w.m_error);
-    JSON::Serialize deep;
-    for (int i = 0; i < 33; ++i) deep.AO();
-    EXPECT_TRUE(deep.m_error);
-    EXPECT_EQ(std::string(32, '['), deep.String());
 }
 
 std::string Pretty(const char* text) {
@@ -145,8 +140,7 @@ TEST(WriterPrettyPrintTest, LaysOutBracketsAndCommas) {
     EXPECT_EQ("\n[\n\t\"" + run + "\",1\n]", Pretty(("[\"" + run + "\",1]").c_str()));
 }
 
-// Forty levels: a break takes more tabs than one short store; after runs of "1," the tabs of
-// one break straddle the end of an output block somewhere.
+// Breaks with more tabs than one short store, some straddling the end of an output block.
 TEST(WriterPrettyPrintTest, DeepLinesAcrossTheOutputBlocks) {
     const std::string deep = std::string(41, '[') + "0" + std::string(41, ']');
     std::string expected, closing;
