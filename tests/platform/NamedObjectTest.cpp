@@ -54,7 +54,6 @@ TEST_F(NamedObjectTest, SharedDirOpensOnlyTheKindAskedAndNoLink) {
         {"-dir", S_IFREG, O_RDWR, EEXIST},
         {"-link", S_IFREG, O_RDWR, ELOOP},
         {"-dangling", S_IFREG, O_RDWR | O_CREAT, ELOOP},
-        {"-absent", S_IFREG, O_RDWR, ENOENT},
     };
     const int fds = qvtest::CountOpenFds();
     for (const auto& [name, type, flags, err] : cases) {
