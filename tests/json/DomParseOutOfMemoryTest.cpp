@@ -1,5 +1,4 @@
-// Every allocation of a parse, of updates and of a copy fails in turn: std::bad_alloc, a message
-// that works again, no leak. The global allocation functions count blocks, in every build.
+// Every allocation of a parse, of updates and of a copy fails in turn; the global operators count.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -69,8 +68,7 @@ void Edit(JSON::Message& m) {
     m = copy;
 }
 
-// Edit with allocation n failing, then without; true when one failed. A fresh thread has no
-// cache yet, so every attempt makes the same allocations.
+// True when allocation n failed; a fresh thread has no cache, so every attempt allocates alike.
 bool EditFailingAt(const char* prior, long n) {
     bool failed = false;
     std::thread([&] {

@@ -1,4 +1,3 @@
-// The compact text of a value, a container or a message: trees are compared as exact strings.
 #ifndef TESTS_JSON_TREETEXT_H_
 #define TESTS_JSON_TREETEXT_H_
 

@@ -1,46 +1,22 @@
-// The writers: escaping, number texts, the streaming writer and the pretty printer.
+// The writers: number texts, the streaming writer and the pretty printer.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "json/JSONEscape.h"
 #include "json/JSONNumbers.h"
 #include "json/JSONPrettyPrint.h"
 #include "json/JSONSerialize.h"
 
 namespace {
 
-TEST(WriterEscapeTest, EscapesControlBytesQuotesAndBackslashesOnly) {
-    std::string text = "\"\\", expected = "<\\\"\\\\";
-    for (int b = 0x01; b < 0x100; ++b) {
-        char u[16];
-        std::snprintf(u, sizeof u, "\\u%04x", b);  // but for the five with a letter of their own
-        const char letter = b >= 8 && b <= 13 && b != 11 ? "btn?fr"[b - 8] : '\0';
-        text.push_back(static_cast<char>(b));
-        if (b < 0x20) expected += letter != '\0' ? std::string{'\\', letter} : std::string(u);
-        if (b >= 0x20) expected.push_back(b == '"' || b == '\\' ? '\\' : static_cast<char>(b));
-        if (b == '"' || b == '\\') expected.push_back(static_cast<char>(b));
-    }
-    std::string out = "<";  // appended to, never cleared
-    JSON::EscapeString(out, text.c_str());
-    JSON::EscapeString(out, nullptr);
-    EXPECT_EQ(expected, out);
-}
-
-// Doubles of moderate size take a path of their own: still the C library's texts, at rounding
-// ties and at the ends of the plain-decimal range.
+// Rounding ties and the ends of the plain-decimal range, where the fast path is likeliest wrong.
 TEST(WriterNumbersTest, DoubleTextsAreTheCLibraryTexts) {
     std::vector<double> values = {1e-4, 0.000099999995, 999999.5, 999999.49999999, 1e6, 0.3};
-    std::mt19937_64 rng(20261123);
-    std::uniform_real_distribution<double> decade(-6.0, 7.0);
-    for (int i = 0; i < 50000; ++i) values.push_back(std::pow(10.0, decade(rng)));
     for (long d = 100000; d < 1000000; d += 997) {
         for (int k = -10; k <= 0; ++k) {
             const double tie = (static_cast<double>(d) + 0.5) * std::pow(10.0, k);
@@ -92,6 +68,10 @@ TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
         {[](JSON::Serialize& w) { w.AO().V(1).OC(); }, "[1"},
         {[](JSON::Serialize& w) { w.OO().AC(); }, "{"},
         {[](JSON::Serialize& w) { w.AO().JS_N("1", -1); }, "["},
+        {[](JSON::Serialize& w) {
+             for (int i = 0; i < 33; ++i) w.AO();
+         },
+         "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["},
     };
     for (const auto& c : cases) {
         JSON::Serialize w;
@@ -104,22 +84,6 @@ TEST(WriterSerializeTest, RefusedCallLeavesTextAndBlocksLaterCalls) {
     }
 }
 
-TEST(WriterSerializeTest, NestsThirtyTwoLevelsAndRefusesTheNext) {
-    JSON::Serialize w;
-    std::string expected;
-    for (int i = 0; i < 16; ++i, expected += R"([{"k":)") w.AO().OO().N("k");
-    w.V(true);
-    expected += "1";
-    for (int i = 0; i < 16; ++i, expected += "},[]]") w.OC().AO().AC().AC();
-    w.OO().OC();  // a second top-level container follows without a separator
-    EXPECT_EQ(expected + "{}", w.String());
-    EXPECT_FALSE(w.m_error);
-    JSON::Serialize deep;
-    for (int i = 0; i < 33; ++i) deep.AO();
-    EXPECT_TRUE(deep.m_error);
-    EXPECT_EQ(std::string(32, '['), deep.String());
-}
-
 std::string Pretty(const char* text) {
     std::string out = "left over";
     JSON_PrettyPrint(text, out);
@@ -130,14 +94,11 @@ TEST(WriterPrettyPrintTest, LaysOutBracketsAndCommas) {
     const char* const cases[][2] = {
         {R"({"a":1,"b":[true,null,"x"]})",
          "\n{\n\t\"a\":1,\n\t\"b\":\n\t[\n\t\ttrue,null,\"x\"\n\t]\n}"},
-        {"", ""},
         {"[]", "\n[\n\t\n]"},
         {"[[1],{}]", "\n[\n\t\n\t[\n\t\t1\n\t],\n\t{\n\t\t\n\t}\n]"},
-        {"{ \"a\" : 1 }", "\n{\n\t \"a\" : 1 \n}"},
         {R"({"a":"x,y"})", "\n{\n\t\"a\":\"x,\n\ty\"\n}"},  // strings are not told apart
         {R"(["[,"])", "\n[\n\t\"\n\t[\n\t\t,\"\n\t]"},
         {"]},[1,2]", "\n]\n},\n\n[\n1,2\n]"},  // below depth 0 no tab is written
-        {"{]]{", "\n{\n\t\n]\n]\n{\n"},
     };
     for (const auto& c : cases) EXPECT_EQ(c[1], Pretty(c[0])) << c[0];
     EXPECT_EQ("", Pretty(nullptr));
@@ -145,8 +106,7 @@ TEST(WriterPrettyPrintTest, LaysOutBracketsAndCommas) {
     EXPECT_EQ("\n[\n\t\"" + run + "\",1\n]", Pretty(("[\"" + run + "\",1]").c_str()));
 }
 
-// Forty levels: a break takes more tabs than one short store; after runs of "1," the tabs of
-// one break straddle the end of an output block somewhere.
+// Breaks with more tabs than one short store, some straddling the end of an output block.
 TEST(WriterPrettyPrintTest, DeepLinesAcrossTheOutputBlocks) {
     const std::string deep = std::string(41, '[') + "0" + std::string(41, ']');
     std::string expected, closing;

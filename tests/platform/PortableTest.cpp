@@ -1,8 +1,7 @@
-// CPortable: number texts, named threads, sleeping through signals, the process id after fork().
+// CPortable: number texts, named threads, sleeping through signals.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -65,13 +64,6 @@ TEST(PortableTest, SleepLastsItsTimeThroughSignals) {
     }
     sleeper.join();
     EXPECT_GE(slept.load(), 100);
-}
-
-TEST(PortableTest, ProcessIdIsTheChildsOwnAfterFork) {  // though the id is cached
-    ASSERT_EQ(static_cast<unsigned long>(getpid()), CPortable::GetCurrentProcessId());
-    qvtest::CHeldChild child(
-        [] { return CPortable::GetCurrentProcessId() == static_cast<unsigned long>(getpid()); });
-    EXPECT_TRUE(child.ok());
 }
 
 }  // namespace

@@ -21,8 +21,8 @@ void Capture(void* lines, int kind, int traceClass, int priority, const char* te
     static_cast<std::vector<Line>*>(lines)->emplace_back(kind, traceClass, priority, text);
 }
 
-// The utility is shared and counted; lines are written while it exists and a sink is set.
-TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
+// The utility is shared and counted; lines are written while it exists and a sink or file is set.
+TEST(TraceTest, LinesReachTheSinkAndTheLogFileWhileTheUtilityLives) {
     std::vector<Line> lines;
     QVSetLogCallback(&Capture, &lines);
     qvTrace("no utility");
@@ -36,6 +36,14 @@ TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
     qvTrace("%s", "");
     QVSetLogCallback(nullptr, nullptr);
     qvTrace("no sink");
+    const std::string path = "/tmp/" + qvtest::TestGuid() + ".log";
+    ASSERT_EQ(0, QVSetLogFile(path.c_str(), 0));
+    qvTrace("trace dropped");
+    qvLogError("(Error) kept %d", 1);
+    ASSERT_EQ(0, QVSetLogFile(path.c_str(), 1));
+    qvTrace("trace kept");
+    ASSERT_EQ(0, QVSetLogFile(nullptr, 0));
+    qvLogNotice("after close");
     QVSetLogCallback(&Capture, &lines);
     DestroyCTraceUtility(&g_ptu);
     EXPECT_EQ(nullptr, g_ptu);
@@ -47,19 +55,6 @@ TEST(TraceTest, LinesReachTheSinkWholeWhileTheUtilityLives) {
                            {QV_LINE_LOG, 0, 2, "<" + big + ">"},
                            {QV_LINE_TRACE, 16, 2, ""}}),
         lines);
-}
-
-TEST(TraceTest, LogFileTakesLogLinesAndTraceOnlyWhenAsked) {
-    const std::string path = "/tmp/" + qvtest::TestGuid() + ".log";
-    CreateCTraceUtility(&g_ptu, "xprt", "ipc ", "Transport", 0, nullptr, 0, 0);
-    ASSERT_EQ(0, QVSetLogFile(path.c_str(), 0));
-    qvTrace("trace dropped");
-    qvLogError("(Error) kept %d", 1);
-    ASSERT_EQ(0, QVSetLogFile(path.c_str(), 1));
-    qvTrace("trace kept");
-    ASSERT_EQ(0, QVSetLogFile(nullptr, 0));
-    qvLogNotice("after close");
-    DestroyCTraceUtility(&g_ptu);
     std::ifstream in(path);
     EXPECT_EQ("(Error) kept 1\ntrace kept\n", std::string(std::istreambuf_iterator<char>(in), {}));
     unlink(path.c_str());

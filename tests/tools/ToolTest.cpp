@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -83,12 +81,11 @@ private:
 class ToolTest : public testing::Test {
 protected:
     void TearDown() override { qvtest::RemoveGuidFiles(m_guid); }
-    std::string Run(const Args& args, int status, bool err = false, const std::string& in = "") {
-        CTool tool(m_guid, args, in);
-        EXPECT_EQ(status, tool.wait()) << args[0] << " " << tool.err();
-        return err ? tool.err() : tool.out();
+    std::string Sweep(const char* opt = "--", const std::string& guid = "") {
+        CTool tool(m_guid, {"sweep", "--guid", guid.empty() ? m_guid : guid, opt});
+        EXPECT_EQ(0, tool.wait()) << tool.err();
+        return tool.out();
     }
-    std::string Sweep(const char* opt = "--") { return Run({"sweep", "--guid", m_guid, opt}, 0); }
     const std::string m_guid = qvtest::TestGuid();
 };
 
@@ -109,45 +106,33 @@ TEST_F(ToolTest, CommandsThatAnswerAtOnce) {
             << got;
     };
     Expect(0, "usage: qvipc <command>", {"--help"});
-    Expect(0, "usage: qvipc serve --guid G", {"serve", "--help"});
-    Expect(0, "usage: qvipc ping --guid G", {"ping", "-h"});
-    Expect(0, "usage: qvipc sweep", {"sweep", "--help"});
     Expect(0, "usage: qvipc json pretty", {"json", "get", "-h"});
-    Expect(0, "usage: qvipc params decode TEXT", {"params", "--help"});
     Expect(2, "usage: qvipc <command>", {});
     Expect(2, "qvipc: unknown command 'frob' (see qvipc --help)", {"frob"});
     Expect(2, "qvipc serve: --guid G is needed", {"serve"});
-    Expect(2, "--clients must be a whole number from 0 to 63, not '64'",
-           {"serve", "--guid", "g", "--clients", "64"});
-    Expect(2, "above 0 and at most 3.1536e+07, not '0'",
-           {"serve", "--guid", "g", "--dump-every", "0"});
+    Expect(2, "from 0 to 63, not '64'", {"serve", "--guid", "g", "--clients", "64"});
+    Expect(2, "at most 3.1536e+07, not '0'", {"serve", "--guid", "g", "--dump-every", "0"});
     Expect(2, "qvipc ping: option '--guid' needs a value", {"ping", "--guid"});
-    Expect(2, "--count must be a whole number from 1 to 100000000, not '-5'",
-           {"ping", "--guid", "g", "--count", "-5"});
-    Expect(2, "from 0 to 67108864, separated by commas, not '1,,2'",
-           {"ping", "--guid", "g", "--size", "1,,2"});
+    Expect(2, "from 1 to 100000000, not '-5'", {"ping", "--guid", "g", "--count", "-5"});
+    Expect(2, "separated by commas, not '1,,2'", {"ping", "--guid", "g", "--size", "1,,2"});
     Expect(2, "qvipc ping: unexpected argument 'extra'", {"ping", "--guid", "g", "extra"});
     Expect(2, "qvipc sweep: unknown option '-x' (see --help)", {"sweep", "-x"});
     Expect(2, "qvipc sweep: option '--dry-run' takes no value", {"sweep", "--dry-run=yes"});
     Expect(2, "qvipc json: unknown verb 'frob'", {"json", "frob"});
     Expect(2, "qvipc json get: a PATH is needed", {"json", "get"});
     Expect(2, "qvipc params decode: exactly one TEXT is needed", {"params", "decode"});
-    Expect(0,
-           "{\n\t\"a\":1,\n\t\"b\":\n\t[\n\t\ttrue,null,\"x;y\"\n\t],\n\t\"c\":\n\t{\n\t\t\"d\":2."
-           "5e3\n\t}\n}\n",
-           {"json", "pretty"}, doc);
+    Expect(0, "\t\"b\":\n\t[\n\t\ttrue,null,\"x;y\"\n\t],\n\t\"c\":\n\t{\n", {"json", "pretty"},
+           doc);
     Expect(0, "x;y\n", {"json", "get", "b.2", file});
     Expect(0, "{\"d\":2.5e3}\n", {"json", "get", "c", "-"}, doc);
     Expect(1, "qvipc json get: no value at 'a.5'", {"json", "get", "a.5"}, doc);
     Expect(0, "valid\n", {"json", "check", file});
-    Expect(1, "cannot open " + file + "-absent: No such file or directory",
-           {"json", "check", file + "-absent"});
+    Expect(1, file + "-absent: No such file", {"json", "check", file + "-absent"});
     // Where a document breaks: line and column from 1 (counting characters), byte from 0.
     Expect(1, "qvipc json pretty: empty document", {"json", "pretty"}, "  \n");
     Expect(1, "not an object or an array (line 1, column 1, byte 0)", {"json", "check"}, "42");
-    Expect(1, "qvipc json check: the document ends before its closing bracket", {"json", "check"},
-           "{\"a\":1,");
-    Expect(1, "not valid JSON (reading stopped at line 2, column 7, byte 11)", {"json", "check"},
+    Expect(1, "ends before its closing bracket", {"json", "check"}, "{\"a\":1,");
+    Expect(1, "(reading stopped at line 2, column 7, byte 11)", {"json", "check"},
            "[1,\n\t\"\xc3\xa9\", x]");
     Expect(1, "after the document (line 3, column 3, byte 6)", {"json", "check"}, "{}\n\n  x");
     Expect(0,
@@ -157,10 +142,8 @@ TEST_F(ToolTest, CommandsThatAnswerAtOnce) {
     Expect(0, "header: (none)\nresult: (none)\nparameters: 1\n0: 3 \"abc\"\n",
            {"params", "decode", "3;abc"});
     Expect(1, "qvipc params decode: malformed parameter text", {"params", "decode", "Cmd;-4;ab"});
-    Expect(
-        1,
-        "qvipc ping: no connection within 0.5 s (is 'qvipc serve --guid " + m_guid + "' running?)",
-        {"ping", "--guid", m_guid, "--connect-timeout", "0.5"});
+    Expect(1, "qvipc ping: no connection within 0.5 s",
+           {"ping", "--guid", m_guid, "--connect-timeout", "0.5"});
     EXPECT_EQ("0 to remove, 0 kept\n", Sweep("--dry-run"));
 }
 
@@ -181,11 +164,10 @@ TEST_F(ToolTest, SweepRemovesOnlyFifosOfProcessesThatAreGone) {
     std::string upper = m_guid;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     EXPECT_EQ("removed " + stale[0] + "\nremoved " + stale[1] + "\n2 removed, 3 kept\n",
-              Run({"sweep", "--guid", upper}, 0));
+              Sweep("--", upper));
     for (const std::string& path : kept) EXPECT_EQ(0, access(path.c_str(), F_OK)) << path;
     EXPECT_EQ(0, access((base + "-svr-rsp-3-p" + dead).c_str(), F_OK));
-    unlink(kept[0].c_str());
-    unlink(kept[1].c_str());
+    for (int i : {0, 1}) unlink(kept[i].c_str());
     const int fd = open(admin.c_str(), O_RDWR | O_NONBLOCK);
     EXPECT_EQ("0 removed, 1 kept\n", Sweep());
     close(fd);
@@ -193,10 +175,14 @@ TEST_F(ToolTest, SweepRemovesOnlyFifosOfProcessesThatAreGone) {
 }
 
 TEST_F(ToolTest, ServeEchoesPingAcrossProcesses) {
-    CTool serve(m_guid, {"serve", "--guid", m_guid, "--ext-size", "48", "--clients", "4"});
+    const std::string log = "/tmp/" + m_guid + ".log";
+    CTool serve(m_guid, {"serve", "--guid", m_guid, "--ext-size", "48", "--clients", "4", "--log",
+                         log, "--trace"});
     ASSERT_TRUE(serve.waitForOut({"serving " + m_guid + "\n"})) << serve.err();
-    EXPECT_EQ(0u, Run({"serve", "--guid", m_guid}, 1, true)
-                      .find("qvipc serve: the service " + m_guid + " already has a server"));
+    CTool second(m_guid, {"serve", "--guid", m_guid});
+    EXPECT_EQ(1, second.wait());
+    EXPECT_EQ(0u,
+              second.err().find("qvipc serve: the service " + m_guid + " already has a server"));
     CTool ping(m_guid, {"ping", "--guid", m_guid, "--count", "40", "--clients", "3", "--size",
                         "0,5,4096,70000", "--ext-size", "48", "--connect-timeout", "120"});
     ASSERT_EQ(0, ping.wait()) << ping.err();
@@ -213,67 +199,39 @@ TEST_F(ToolTest, ServeEchoesPingAcrossProcesses) {
     kill(serve.pid(), SIGINT);
     EXPECT_EQ(0, serve.wait());
     EXPECT_EQ("", serve.err());
-    const std::string out = serve.out();
-    EXPECT_EQ(out.find("\"guid\""), out.rfind("\"guid\"")) << out;
+    EXPECT_EQ(serve.out().find("\"guid\""), serve.out().rfind("\"guid\"")) << serve.out();
     EXPECT_EQ("0 to remove, 0 kept\n", Sweep("--dry-run"));
+    EXPECT_EQ(0u, ReadFile(log).find("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x"));
 }
 
-// A server killed and restarted under two pings: each client counts one break and the request
-// it cut off, and goes on; only --strict fails for it.
+// A server restarted under two pings: breaks and lost requests are counted; --strict fails.
 TEST_F(ToolTest, PingRidesThroughAServerRestart) {
     const Args serveArgs = {"serve", "--guid", m_guid, "--push", "3"};
     Args echoed;  // every client has taken up its connection
     for (const std::string slot : {"1", "2", "3"})
         echoed.push_back("push " + slot + ": 3 sent, 3 echoed, 0 bad, 0 missing\n");
-    std::unique_ptr<CTool> serve(new CTool(m_guid, serveArgs));
-    ASSERT_TRUE(serve->waitForOut({"serving " + m_guid + "\n"})) << serve->err();
-    Args ping = {"ping", "--guid", m_guid, "--count", "100000000", "--json"};  // till SIGINT
-    ping.insert(ping.end(), {"--connect-timeout", "120", "--clients", "2"});
+    CTool serve(m_guid, serveArgs);
+    ASSERT_TRUE(serve.waitForOut({"serving " + m_guid + "\n"})) << serve.err();
+    Args ping = {"ping", "--guid",    m_guid, "--count", "100000000", "--json", "--connect-timeout",
+                 "120",  "--clients", "2"};
     CTool two(m_guid, ping);
     ping.back() = "1";
     ping.push_back("--strict");
     CTool strict(m_guid, ping);
-    ASSERT_TRUE(serve->waitForOut(echoed)) << serve->out();
-    kill(serve->pid(), SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, serve->wait());
-    serve.reset(new CTool(m_guid, serveArgs));
-    ASSERT_TRUE(serve->waitForOut(echoed)) << serve->out();
+    ASSERT_TRUE(serve.waitForOut(echoed)) << serve.out();
+    kill(serve.pid(), SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, serve.wait());
+    CTool again(m_guid, serveArgs);
+    ASSERT_TRUE(again.waitForOut(echoed)) << again.out();
     kill(two.pid(), SIGINT);
     kill(strict.pid(), SIGINT);
     EXPECT_EQ(0, two.wait()) << two.err();
     EXPECT_EQ(1, strict.wait());
     EXPECT_EQ("qvipc ping: requests lost to connection breaks: 1\n", strict.err());
-    for (const auto& [out, summary] :
-         {std::pair<std::string, std::string>{
-              two.out(), R"(2,.*"breaks":2,"lost":2,"reconnect-ms":\[\d+,\d+)"},
-          {strict.out(), R"(1,.*"breaks":1,"lost":1,"reconnect-ms":\[\d+)"}}) {
-        EXPECT_TRUE(std::regex_match(out, std::regex(R"(\{"clients":)" + summary + R"(\]\}\n)")))
-            << out;
-        EXPECT_NE(std::string::npos, out.find(R"("failures":0,)")) << out;
-    }
-    kill(serve->pid(), SIGTERM);
-    EXPECT_EQ(0, serve->wait());
-}
-
-// A server that does not come back: ping gives up a connect time-out after the break.
-TEST_F(ToolTest, PingGivesUpWhenTheServerDoesNotComeBack) {
-    const std::string log = "/tmp/" + m_guid + ".log";
-    CTool serve(m_guid, {"serve", "--guid", m_guid, "--push", "1", "--log", log, "--trace",
-                         "--dump-every", "0.2"});
-    ASSERT_TRUE(serve.waitForOut({"serving " + m_guid + "\n"})) << serve.err();
-    CTool ping(m_guid,
-               {"ping", "--guid", m_guid, "--count", "100000000", "--connect-timeout", "3"});
-    ASSERT_TRUE(serve.waitForOut({"push 1: 1 sent, 1 echoed"})) << serve.out();
-    EXPECT_TRUE(serve.waitForOut({"-svr-req-"})) << serve.out();  // a timed dump
-    kill(serve.pid(), SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, serve.wait());
-    EXPECT_EQ(1, ping.wait());
-    EXPECT_EQ("qvipc ping: no reconnection within 3 s of a break (is 'qvipc serve --guid " +
-                  m_guid + "' running?)\n",
-              ping.err());
-    EXPECT_NE(std::string::npos, ping.out().find("\nbreaks: 1, lost: 1\n")) << ping.out();
-    EXPECT_EQ("removed /tmp/" + m_guid + "-svr-admin\n1 removed, 0 kept\n", Sweep());
-    EXPECT_EQ(0u, ReadFile(log).find("CQVIPCLibraryImpl::CQVIPCLibraryImpl (0x"));
+    EXPECT_NE(std::string::npos, two.out().find(R"("breaks":2,"lost":2,)")) << two.out();
+    EXPECT_NE(std::string::npos, strict.out().find(R"("breaks":1,"lost":1,)")) << strict.out();
+    kill(again.pid(), SIGTERM);
+    EXPECT_EQ(0, again.wait());
 }
 
 // A server in this process that answers every request with its bytes flipped.
