@@ -51,6 +51,14 @@ bool Session(const std::string& guid, int index, uint32_t seed) {
             connected = connected || r.hr == QVIPC_E_NEW_CONNECTION;
         }
     });
+    // At stop the endpoint is finalized from here: the loop below may be waiting for an answer
+    // that a kill took away (a slot freed before its reader saw the break), and finalize ends
+    // that wait. A finalize that hangs still shows as a process that does not exit.
+    std::atomic<bool> done{false};
+    std::thread stopper([&] {
+        while (!done && g_shared->stop.load() < (isServer ? 2 : 1)) SleepMs(20);
+        if (!done) lib.finalize();
+    });
     std::mt19937 rng(seed);
     for (const uint64_t giveUp = NowMs() + 25000;
          g_shared->stop.load() < (isServer ? 2 : 1) && (connected || NowMs() < giveUp);) {
@@ -67,9 +75,12 @@ bool Session(const std::string& guid, int index, uint32_t seed) {
         // The answer, or the news that its peer is gone; other slots' news is not for us.
         Received r = ReceiveResponse(lib);
         while (r.hr != QVIPC_E_SHUTDOWN && r.ipcid != ipcid) r = ReceiveResponse(lib);
+        if (r.hr == QVIPC_E_SHUTDOWN) break;  // stopped while waiting: neither lost nor answered
         const bool same = r.id == id && r.body == Flip(body) && r.ext == Flip(ext);
         ++g_shared->totals[r.hr != 0 ? LOST : same ? ACCEPTED : WRONG];
     }
+    done = true;
+    stopper.join();
     lib.finalize();
     requests.join();
     return connected || g_shared->stop.load() != 0;
