@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 
 #include "QVIPC/Library-Linux/Framing.h"
@@ -74,6 +75,11 @@ struct CutOff {
     bool writerCloses;
     QVRESULT result;
 };
+
+// Printed by its fields: the bytes of the struct include padding that nothing wrote.
+void PrintTo(const CutOff& c, std::ostream* os) {
+    *os << c.kept << (c.writerCloses ? "/closed" : "");
+}
 
 class ReadAheadCutOffTest : public ReadAheadTest, public testing::WithParamInterface<CutOff> {};
 
