@@ -41,7 +41,9 @@ int DomCExercise(void) {
     CHECK(s != NULL && strcmp(s, "q") == 0 && JSON_GetOrdinalAsString(msg, 2) == NULL);
     CHECK(JSON_ParseMessage(msg, "") == 0 && JSON_MessageSize(msg) == 0);
     /* The escaping and number functions come with the same header. */
-    CHECK(JSON_EscapeString(&pos, buf + sizeof buf, "a\"b") == 1 && strcmp(buf, "a\\\"b") == 0);
+    /* It copies only when a byte of the room stays free. */
+    CHECK(JSON_EscapeString(&pos, buf + 6, "a\"b") == 1 && strcmp(buf, "a\\\"b") == 0);
+    CHECK(JSON_EscapeString(&pos, buf + 5, "abcd") == 0 && strcmp(buf, "a\\\"b") == 0);
     CHECK(IntToStr(-42, buf, 14) == buf + 3 && strcmp(buf, "-42") == 0);
     JSON_FreeMessage(msg);
     JSON_FreeMessage(NULL);

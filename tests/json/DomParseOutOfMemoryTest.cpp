@@ -9,12 +9,13 @@
 #include <thread>
 
 #include "json/JSONMessage.h"
+#include "json/JSONPrettyPrint.h"
 #include "tests/json/TreeText.h"
 
 namespace {
 
 thread_local long t_allocationsBeforeFailure = -1;  // -1: none is failed
-std::atomic<long> g_blocks{0}, g_bytes{0};
+std::atomic<long> g_blocks{0}, g_bytes{0}, g_allocations{0};
 
 void* Allocate(std::size_t size, bool nothrow = false) {
     void* p = nullptr;
@@ -26,6 +27,7 @@ void* Allocate(std::size_t size, bool nothrow = false) {
         throw std::bad_alloc();
     }
     ++g_blocks;
+    ++g_allocations;
     g_bytes += static_cast<long>(malloc_usable_size(p));
     return p;
 }
@@ -102,24 +104,65 @@ TEST(DomParseOutOfMemoryTest, EveryFailedAllocationThrowsLeaksNothingAndLeavesAU
     }
 }
 
+// Pretty printing that runs out of memory half-way leaves no text, not a cut-off one.
+TEST(DomParseOutOfMemoryTest, PrettyPrintThatRunsOutOfMemoryLeavesNoText) {
+    const std::string deep = std::string(300, '[') + std::string(300, ']');
+    long n = 0;
+    for (bool failed = true; failed; ++n) {
+        std::string out = "before";
+        t_allocationsBeforeFailure = n;
+        try {
+            JSON_PrettyPrint(deep.c_str(), out);
+        } catch (const std::bad_alloc&) {
+            EXPECT_EQ("", out) << n;
+        }
+        failed = t_allocationsBeforeFailure == -1;
+        t_allocationsBeforeFailure = -1;
+    }
+    EXPECT_GT(n, 3);  // the output and the printer's stack grow while it writes
+}
+
 // Destroyed as its thread ends, perhaps after the thread's cache was given back.
 thread_local JSON::Message t_message;
 
-// A thread keeps what released trees held, within a bound, and gives it back when it ends.
-TEST(DomParseOutOfMemoryTest, ReleasedTreesAreKeptWithinABound) {
-    std::string doc = "[";
-    for (int i = 0; i < 100000; ++i) doc += R"([0],{"k":0},)";
-    doc.back() = ']';
+// A document parsed again takes its containers, of every kept size, from what the last one
+// released: from the third parse on it allocates no more than a text of scalars in their places,
+// also after many parses. A thread keeps what released trees held within a bound, and gives it
+// back when it ends.
+TEST(DomParseOutOfMemoryTest, ReleasedContainersAreReusedKeptWithinABoundAndGivenBack) {
+    std::string doc = "[", scalars = "[", large = "[";
+    for (int size = 1; size <= 64; ++size) {
+        std::string array = "[", object = "{";
+        for (int i = 0; i < size; ++i) {
+            array += "0,";
+            object += "\"k" + std::to_string(i) + "\":0,";
+        }
+        array.back() = ']';
+        object.back() = '}';
+        doc += array + "," + object + ",";
+        scalars += "0,0,";
+    }
+    for (int i = 0; i < 100000; ++i) large += R"([0],{"k":0},)";
+    doc.back() = scalars.back() = large.back() = ']';
+    scalars.resize(doc.size(), ' ');  // a text as long, for the same copy
     const long blocks = g_blocks, bytes = g_bytes;
-    long kept = 0;
+    long first = 0, most = 0, flat = 0, kept = 0;
     std::thread([&] {
         ASSERT_TRUE(t_message.Parse(DOC));
-        {
-            JSON::Message m;
-            ASSERT_TRUE(m.Parse(doc.c_str()));
-        }
+        ASSERT_TRUE(JSON::Message().Parse(large.c_str()));
         kept = g_bytes - bytes;
+        for (int i = 0; i < 202; ++i) {
+            const long before = g_allocations;
+            JSON::Message m;
+            ASSERT_TRUE(m.Parse((i < 200 ? doc : scalars).c_str()));
+            const long count = g_allocations - before;
+            first = i == 0 ? count : first;
+            most = i >= 2 && i < 200 && count > most ? count : most;
+            flat = count;
+        }
     }).join();
+    EXPECT_GT(first, 256);
+    EXPECT_EQ(flat, most);
     EXPECT_LT(kept, 12L << 20);
     EXPECT_EQ(blocks, g_blocks.load());
     EXPECT_EQ(bytes, g_bytes.load());
