@@ -8,7 +8,6 @@
 
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
 #include "platform/PSharedMemory.h"
-#include "tests/platform/MutexHolder.h"
 #include "tests/support/IpcSupport.h"
 
 using namespace qvtest;
@@ -46,19 +45,6 @@ TEST_F(ConnectIdTest, ProcessesDrawDistinctIdsFromOneSequencePerGuid) {
     EXPECT_EQ(std::set<uint32_t>({3, 5, 7}), seen);
     CQVIPCLibraryImpl server("t", m_guid, 1, 4, 0, NO_TIMEOUT);
     EXPECT_EQ(9ul, server.m_connectId);
-}
-
-TEST_F(ConnectIdTest, HolderKilledWhileHoldingTheIdMutexDoesNotBlockTheNextConstructor) {
-    EXPECT_EQ(1ul, DrawId(m_guid));
-    MutexHolder holder(m_guid + "-IDGENMTX");
-    ASSERT_TRUE(holder.holding());
-    // A constructor started now waits for the holder, and goes on once it died holding it.
-    std::atomic<unsigned long> id{0};
-    std::thread constructing([&] { id.store(DrawId(m_guid)); });
-    EXPECT_FALSE(WaitFor([&] { return id.load() != 0; }, std::chrono::milliseconds(200)));
-    holder.kill();
-    constructing.join();
-    EXPECT_EQ(3ul, id.load());
 }
 
 TEST_F(ConnectIdTest, IdsAreCutTo32BitsAndSpelledAsSigned32BitNumbers) {

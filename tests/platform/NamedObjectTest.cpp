@@ -10,14 +10,23 @@
 #include <fstream>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "platform/NamedObject.h"
+#include "platform/PMutex.h"
 #include "platform/PSharedMemory.h"
-#include "tests/platform/MutexHolder.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
 constexpr unsigned long NO_TIMEOUT = 0xFFFFFFFFul;
+
+// A child process that holds a named mutex until it is killed; the lock goes with the process.
+struct MutexHolder : qvtest::CHeldChild {
+    explicit MutexHolder(const std::string& name)
+        : CHeldChild([name] { return (new CPMutex(1, 0, name, 0, 1))->wait(~0ul, nullptr) == 0; }) {
+    }
+};
 
 class NamedObjectTest : public testing::Test {
 protected:
@@ -91,6 +100,35 @@ TEST_F(NamedObjectTest, SharedMemoryIsMadeZeroedOnceAndSharedAcrossProcesses) {
     EXPECT_EQ(16, st.st_size);
     EXPECT_EQ(0666u, st.st_mode & 0777u);  // other users' processes open it too
     EXPECT_EQ(nullptr, CPSharedMemory(m_guid + "-EMPTY", 0).getAddress());
+    // Without stdin, the first open of a process gets descriptor 0.
+    const int savedStdin = dup(0);
+    close(0);
+    CPSharedMemory zero(m_guid + "-fd0", 8);
+    if (savedStdin >= 0) {
+        dup2(savedStdin, 0);
+        close(savedStdin);
+    }
+    EXPECT_NE(nullptr, zero.getAddress());
+}
+
+// Of holders that make the same block at once, one creates it and the others open it.
+TEST_F(NamedObjectTest, SharedMemoryMadeByManyAtOnceIsMadeOnce) {
+    for (int round = 0; round < 100; ++round) {
+        const std::string name = m_guid + "-" + std::to_string(round);
+        std::atomic<int> ready{0}, made{0}, creators{0};
+        std::vector<std::thread> holders;
+        for (int i = 0; i < 4; ++i) {
+            holders.emplace_back([&] {
+                for (++ready; ready.load() < 4;) std::this_thread::yield();
+                CPSharedMemory shm(name, 8);
+                made += shm.getAddress() != nullptr;
+                creators += shm.isCreator();
+            });
+        }
+        for (std::thread& holder : holders) holder.join();
+        ASSERT_EQ(4, made.load()) << round;
+        ASSERT_EQ(1, creators.load()) << round;
+    }
 }
 
 // Waits, with or without limit or terminate object, last until release or terminate, or death.
@@ -120,8 +158,8 @@ TEST_F(NamedObjectTest, MutexWaitsHoldOnUntilReleaseTerminateOrTheHoldersDeath) 
         ASSERT_TRUE(byTerminate || a.wait(NO_TIMEOUT, nullptr) == 0);
     }
     a.release();
-    qvtest::MutexHolder holder(m_guid);
-    ASSERT_TRUE(holder.holding());
+    MutexHolder holder(m_guid);
+    ASSERT_TRUE(holder.ok());
     EXPECT_NE(0, other.wait(100, nullptr));
     holder.kill();
     EXPECT_EQ(0, other.wait(NO_TIMEOUT, nullptr));
