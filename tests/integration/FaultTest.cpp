@@ -7,10 +7,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "tests/integration/ReadmeExample.h"
 #include "tests/support/IpcSupport.h"
 
 using namespace qvtest;
+
+// A body of 1 GiB or more cannot be allocated here, as on a 32-bit target, so that a receive
+// runs out of memory on every target.
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    if (size >= (std::size_t{1} << 30)) return nullptr;
+    try {
+        return ::operator new[](size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 
 namespace {
 
@@ -53,16 +66,15 @@ TEST_F(FaultTest, AdminRecordsTakeOrFreeSlotsOnlyWhenTheyAreWellFormed) {
 TEST_F(FaultTest, BadFramesGiveTheirResultAndFreeTheSlot) {
     ConnectedPair pair(m_guid, 4);
     ASSERT_TRUE(pair.ok);
-    // Out of memory (a 32-bit target) counts as a failed read.
     using Got = std::tuple<QVRESULT, unsigned long, int, std::string, bool>;
-    const Got cut{QVIPC_E_READ, 0, 4, "", true};
     const std::pair<std::string, std::vector<Got>> cases[] = {
         {Frame(7, 1, 100, 3) + Frame(qvframe::TYPE_DATA, 2, 4, 9) + "body",
          {{S_OK, 0, 0, "", true},
           {S_OK, 2, 9, "body", false},
           {QVIPC_E_DISCONNECTED, 0, 0, "", true}}},
-        {Frame(qvframe::TYPE_DATA, 0, 1000, 4) + "0123456789", {cut}},
-        {Frame(qvframe::TYPE_DATA, 0, 0xFFFFFFFFu, 4) + "0123456789", {cut}},
+        {Frame(qvframe::TYPE_DATA, 0, 1000, 4) + "0123456789", {{QVIPC_E_READ, 0, 4, "", true}}},
+        {Frame(qvframe::TYPE_DATA, 0, 0xFFFFFFFFu, 4) + "0123456789",
+         {{QVIPC_E_OUTOFMEMORY, 0, 4, "", true}}},
     };
     size_t connections = 1;
     for (const auto& [bytes, wants] : cases) {
@@ -81,8 +93,7 @@ TEST_F(FaultTest, BadFramesGiveTheirResultAndFreeTheSlot) {
                 for (size_t i = before; i < all.size(); ++i) {
                     const Received& r = all[i];
                     if (r.ipcid != 2) continue;
-                    got.emplace_back(r.hr == QVIPC_E_OUTOFMEMORY ? QVIPC_E_READ : r.hr, r.id,
-                                     r.type, r.body, r.bodyNull);
+                    got.emplace_back(r.hr, r.id, r.type, r.body, r.bodyNull);
                 }
                 return !got.empty() && std::get<0>(got.back()) != S_OK;
             },
@@ -91,18 +102,22 @@ TEST_F(FaultTest, BadFramesGiveTheirResultAndFreeTheSlot) {
         raw.closeAll();
         ExpectRoundTrip(*pair.client, "others still served");
     }
-    // Ten bytes where the client expects a 68-byte header (the client's connect id is 3).
-    const int fd = open(("/tmp/" + m_guid + "-svr-rsp-3-p" + std::to_string(PID)).c_str(),
-                        O_WRONLY | O_NONBLOCK);
-    ASSERT_NE(-1, fd);
-    ASSERT_EQ(10, write(fd, "0123456789", 10));
-    close(fd);
-    EXPECT_EQ(QVIPC_E_READ, ReceiveResponse(*pair.client).hr);
-    // No resync: it connects again, to slot 1 or 2 by which close the server saw first.
-    ASSERT_TRUE(pair.serverLoop->waitConnections(++connections));
-    const unsigned long again = pair.serverLoop->connections().back();
-    EXPECT_TRUE(again == 1 || again == 2) << again;
-    ASSERT_TRUE(pair.clientLoop->waitConnections(2));
+    // Where the client (connect id 3) expects a 68-byte response header: ten bytes, then a
+    // header whose body cannot be allocated. Neither can be resynced: it connects again, to slot 1
+    // or 2 by which close the server saw first.
+    const std::pair<std::string, QVRESULT> hostile[] = {
+        {"0123456789", QVIPC_E_READ},
+        {ResponseBytes(qvframe::TYPE_DATA, 0, 0, 0xF0000000u), QVIPC_E_OUTOFMEMORY}};
+    const std::string path = "/tmp/" + m_guid + "-svr-rsp-3-p" + std::to_string(PID);
+    size_t reconnects = 1;
+    for (const auto& [bytes, hr] : hostile) {
+        ASSERT_TRUE(WriteFifo(path, bytes));
+        EXPECT_EQ(hr, ReceiveResponse(*pair.client).hr);
+        ASSERT_TRUE(pair.serverLoop->waitConnections(++connections));
+        const unsigned long again = pair.serverLoop->connections().back();
+        EXPECT_TRUE(again == 1 || again == 2) << again;
+        ASSERT_TRUE(pair.clientLoop->waitConnections(++reconnects));
+    }
     ExpectRoundTrip(*pair.client, "after");
 }
 

@@ -31,15 +31,10 @@ TEST_F(SlowTest, ReconnectActsAtMostOncePerTenSeconds) {
                 },
                 deadline))
             return false;
-        const int fd = open(("/tmp/" + m_guid + "-svr-rsp-" + std::to_string(h.connectId) + "-p" +
-                             std::to_string(h.pid))
-                                .c_str(),
-                            O_WRONLY | O_NONBLOCK);
-        qvframe::ResponseFrame frame;
-        qvframe::buildAdminRecord(frame, qvframe::TYPE_CONNECT, 0, QVIPC_E_TOO_MANY_CLIENTS,
-                                  static_cast<uint32_t>(getpid()));
-        const bool sent = fd != -1 && WriteFull(fd, frame, sizeof frame);
-        return close(fd), sent;
+        return WriteFifo("/tmp/" + m_guid + "-svr-rsp-" + std::to_string(h.connectId) + "-p" +
+                             std::to_string(h.pid),
+                         ResponseBytes(qvframe::TYPE_CONNECT, 0, QVIPC_E_TOO_MANY_CLIENTS, 0,
+                                       static_cast<uint32_t>(getpid())));
     };
     ASSERT_TRUE(refuseNext(DEADLINE));
     ASSERT_TRUE(m_capture.wait("- stopping"));

@@ -64,4 +64,19 @@ TEST_F(LogLineTest, EachEventWritesItsLine) {
     }
 }
 
+// The wake-up record that freeing a slot sends is never taken for garbage.
+TEST_F(LogLineTest, FreeingTheSlotOfAClientThatWentAwayWritesNoInvalidRequest) {
+    ConnectedPair pair(m_guid, 4);
+    ASSERT_TRUE(pair.ok);
+    {
+        RawClient raw(m_guid, 900001);
+        ASSERT_EQ(0u, raw.connect());
+        ASSERT_TRUE(pair.serverLoop->waitConnections(2));
+    }
+    ASSERT_TRUE(pair.serverLoop->waitResult(QVIPC_E_DISCONNECTED, 1, 2));
+    ASSERT_TRUE(WaitFifoDrained("/tmp/" + m_guid + "-svr-admin"));
+    ExpectRoundTrip(*pair.client, "still served");
+    EXPECT_EQ(0u, m_capture.count("invalid request"));
+}
+
 }  // namespace

@@ -8,7 +8,7 @@
 
 #include "QVIPC/Library-Linux/Framing.h"
 #include "QVIPC/Library-Linux/QVIPCLibraryImpl.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/IpcSupport.h"
 
 namespace {
 
@@ -29,13 +29,7 @@ protected:
 
     // A data response with request id id and a body of len bytes, each the id's low byte.
     static std::string frame(uint32_t id, uint32_t len) {
-        qvframe::ResponseFrame header;
-        qvframe::ResponseHeader h;
-        h.type = qvframe::TYPE_DATA;
-        h.requestId = id;
-        h.bodySize = len;
-        qvframe::buildResponse(header, h, nullptr, 0);
-        return std::string(reinterpret_cast<char*>(header), sizeof header) +
+        return qvtest::ResponseBytes(qvframe::TYPE_DATA, id, 0, len) +
                std::string(len, static_cast<char>(id));
     }
     void send(const std::string& bytes) {

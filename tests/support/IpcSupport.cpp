@@ -221,8 +221,15 @@ std::string Record(uint32_t type, uint32_t connectId, uint32_t pid, int32_t requ
     return std::string(reinterpret_cast<const char*>(frame), sizeof frame);
 }
 
-bool WriteAdmin(const std::string& guid, const std::string& bytes) {
-    const int fd = OpenWhenPossible("/tmp/" + guid + "-svr-admin", O_WRONLY);
+std::string ResponseBytes(uint32_t type, uint32_t requestId, uint32_t result, uint32_t bodySize,
+                          uint32_t pid) {
+    qvframe::ResponseFrame frame;
+    qvframe::buildResponse(frame, {type, requestId, result, pid, bodySize}, nullptr, 0);
+    return std::string(reinterpret_cast<const char*>(frame), sizeof frame);
+}
+
+bool WriteFifo(const std::string& path, const std::string& bytes) {
+    const int fd = OpenWhenPossible(path, O_WRONLY);
     const bool ok =
         fd != -1 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     if (fd != -1) close(fd);

@@ -108,7 +108,13 @@ bool WaitFifoDrained(const std::string& path);  // nothing left to read in the F
 // A request header or admin record, built by the library's own builder.
 std::string Frame(uint32_t type, uint32_t requestId, uint32_t bodySize, int32_t requestType);
 std::string Record(uint32_t type, uint32_t connectId, uint32_t pid, int32_t requestType = 0);
-bool WriteAdmin(const std::string& guid, const std::string& bytes);  // in one write
+// A 68-byte response header, built by the library's own builder.
+std::string ResponseBytes(uint32_t type, uint32_t requestId, uint32_t result, uint32_t bodySize,
+                          uint32_t pid = 0);
+bool WriteFifo(const std::string& path, const std::string& bytes);  // in one write, once read
+inline bool WriteAdmin(const std::string& guid, const std::string& bytes) {
+    return WriteFifo("/tmp/" + guid + "-svr-admin", bytes);
+}
 
 // A client in this process that speaks the wire format itself, under a connect id of its own.
 class RawClient {
@@ -141,7 +147,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines;
     }
-    size_t count(const std::string& text);  // a point to wait for, never an oracle
+    size_t count(const std::string& text);  // outside LogLineTest, only a point to wait for
     bool wait(const std::string& text, size_t n = 1) {
         return WaitFor([&] { return count(text) >= n; }, DEADLINE);
     }
