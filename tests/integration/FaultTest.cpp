@@ -14,8 +14,9 @@
 
 using namespace qvtest;
 
-// A body of 1 GiB or more cannot be allocated here, as on a 32-bit target, so that a receive
-// runs out of memory on every target.
+// In this whole test program a body of 1 GiB or more cannot be allocated, as on a 32-bit target,
+// so that a receive runs out of memory on every target. Smaller requests go to the ordinary
+// operator, so a sanitizer still pairs each allocation with its release.
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     if (size >= (std::size_t{1} << 30)) return nullptr;
     try {

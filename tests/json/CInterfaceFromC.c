@@ -40,8 +40,8 @@ int DomCExercise(void) {
     s = JSON_GetOrdinalAsString(msg, 1);
     CHECK(s != NULL && strcmp(s, "q") == 0 && JSON_GetOrdinalAsString(msg, 2) == NULL);
     CHECK(JSON_ParseMessage(msg, "") == 0 && JSON_MessageSize(msg) == 0);
-    /* The escaping and number functions come with the same header. */
-    /* It copies only when a byte of the room stays free. */
+    /* The escaping and number functions come with the same header. An escaped text is copied
+       only when a byte of the room stays free. */
     CHECK(JSON_EscapeString(&pos, buf + 6, "a\"b") == 1 && strcmp(buf, "a\\\"b") == 0);
     CHECK(JSON_EscapeString(&pos, buf + 5, "abcd") == 0 && strcmp(buf, "a\\\"b") == 0);
     CHECK(IntToStr(-42, buf, 14) == buf + 3 && strcmp(buf, "-42") == 0);
